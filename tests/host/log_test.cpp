@@ -1,0 +1,149 @@
+/**
+ * The log service, as its lines come out of a process.
+ *
+ * The environment is read once in a process, so each case logs in a child. Its stderr is a socket
+ * that keeps the borders between writes: one packet is one write(2).
+ */
+#include "platform_log.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr int module = 10;
+
+using Lines = std::vector<std::string>;
+
+/** @return "level text", or "level thread text" of any but the main thread. */
+std::string without_origin(const std::string& line) {
+    std::array<char, 16> level = {};
+    int process = 0;
+    int thread = 0;
+    int text = 0;
+    std::sscanf(line.c_str(), "%*4d-%*2d-%*2dT%*2d:%*2d:%*2d.%*3d+05:30 %15s %d %d%n", level.data(),
+                &process, &thread, &text);
+    return level.data() + (thread == process ? "" : " " + std::to_string(thread)) +
+           line.substr(static_cast<size_t>(text));
+}
+
+/** Runs @p work, which says whether all went well, in a child. @return what it wrote to stderr. */
+Lines lines_of(const char* level, const std::function<bool()>& work) {
+    std::array<int, 2> ends = {};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends.data()), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        setenv("DM_LOG_LEVEL", level, 1);
+        setenv("DM_LOG_TARGET", "stderr", 1);
+        setenv("TZ", "XXX-05:30", 1);
+        dup2(ends[1], STDERR_FILENO);
+        _exit(work() ? 0 : 1);
+    }
+    close(ends[1]);
+    Lines lines;
+    std::array<char, 4096> packet = {};
+    for (ssize_t size = 0; (size = read(ends[0], packet.data(), packet.size())) > 0;)
+        lines.push_back(without_origin({packet.data(), static_cast<size_t>(size)}));
+    close(ends[0]);
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    return lines;
+}
+
+TEST(Log, TheEnvironmentChoosesTheLowestLevel) {
+    const std::map<std::string, int> settings = {{"debug", 0}, {"info", 1}, {"warning", 2},
+                                                 {"error", 3}, {"none", 4}, {"verbose", 2}};
+    const Lines all = {"DEBUG a\n", "INFO b\n", "WARNING c\n", "ERROR d\n"};
+    for (const auto& [setting, lowest] : settings) {
+        const Lines lines = lines_of(setting.c_str(), [lowest = lowest] {
+            bool right = CheckLogLevel(module, 4) == 0;
+            for (int level = 0; level < 4; ++level)
+                right = right && CheckLogLevel(module, level) == (level >= lowest ? 1 : 0);
+            DlogDebugInner(module, "a");
+            DlogInfoInner(module, "b");
+            DlogWarnInner(module, "c");
+            DlogErrorInner(module, "d");
+            return right;
+        });
+        EXPECT_EQ(lines, Lines(all.begin() + lowest, all.end())) << setting;
+    }
+}
+
+TEST(Log, OneCallIsOneLineWhateverItsTextAndKeepsErrno) {
+    Lines lines = lines_of("error", [] {
+        errno = EDOM;
+        DlogErrorInner(module, "ends\r\n\n");
+        DlogErrorInner(module, "%s%c%s", "a\r\nb\tc\x1b", '\0', "d");
+        DlogErrorInner(module, "no such character: %lc\n", static_cast<wint_t>(0x7fffffff));
+        DlogErrorInner(module, "%02000d\n", 0);
+        close(STDERR_FILENO);
+        DlogErrorInner(module, "not to be had");
+        return errno == EDOM;
+    });
+    ASSERT_EQ(lines.size(), 4U);
+    EXPECT_LE(lines.back().size(), 1024U);
+    EXPECT_TRUE(lines.back().ends_with("000\n"));
+    lines.pop_back();
+    EXPECT_EQ(lines,
+              Lines({"ERROR ends\n", "ERROR a  b\tc  d\n", "ERROR no such character: %lc\n"}));
+}
+
+TEST(Log, LinesOfSeveralThreadsStayWholeAndNameTheirThread) {
+    constexpr size_t threads = 4;
+    constexpr size_t count = 200;
+    const Lines lines = lines_of("info", [] {
+        std::vector<std::jthread> running;
+        for (size_t i = 0; i < threads; ++i)
+            running.emplace_back([] {
+                for (size_t line = 0; line < count; ++line)
+                    DlogInfoInner(module, "%d wrote %zu\n", gettid(), line);
+            });
+        return true;
+    });
+    EXPECT_EQ(lines.size(), threads * count);
+    std::map<int, size_t> next;
+    for (const std::string& line : lines) {
+        int thread = 0;
+        int writer = 0;
+        size_t number = 0;
+        int end = 0;
+        std::sscanf(line.c_str(), "INFO %d %d wrote %zu%n", &thread, &writer, &number, &end);
+        ASSERT_EQ(line.substr(static_cast<size_t>(end)), "\n");
+        ASSERT_EQ(thread, writer);
+        ASSERT_EQ(number, next[thread]++);
+    }
+    EXPECT_EQ(next.size(), threads);
+}
+
+void* log_cancelled(void* /*arg*/) {
+    pthread_cancel(pthread_self());
+    DlogErrorInner(module, "cancelled");
+    return nullptr;
+}
+
+TEST(Log, AThreadMayBeCancelledAtTheWrite) {
+    const Lines lines = lines_of("error", [] {
+        pthread_t thread = {};
+        void* result = nullptr;
+        pthread_create(&thread, nullptr, log_cancelled, nullptr);
+        pthread_join(thread, &result);
+        DlogErrorInner(module, "after");
+        return result == PTHREAD_CANCELED;
+    });
+    EXPECT_EQ(lines, Lines({"ERROR after\n"}));
+}
+
+} // namespace
