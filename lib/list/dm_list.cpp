@@ -1,0 +1,367 @@
+#include "dm_list.h"
+
+#include "base/atomic_field.h"
+#include "base/memory.h"
+#include "platform_adapter.h"
+
+#include <cerrno>
+#include <memory>
+#include <utility>
+
+namespace {
+
+// Holds a list's lock for a scope.
+class ListLock {
+public:
+    explicit ListLock(LIST_ST* list) : list_(list) { list_->lock(&list_->mutex); }
+    ListLock(const ListLock&) = delete;
+    ListLock& operator=(const ListLock&) = delete;
+    ~ListLock() { list_->unlock(&list_->mutex); }
+
+private:
+    LIST_ST* list_;
+};
+
+enum class Mark { keep, removed };
+
+// Links of the sentinel and marks are read without the lock, so every link is an atomic reference.
+LIST_NODE_ST* __next(const LIST_NODE_ST* node) {
+    return dm::load(node->next);
+}
+LIST_NODE_ST* __prev(const LIST_NODE_ST* node) {
+    return dm::load(node->prev);
+}
+
+bool __is_removed(const LIST_NODE_ST* node) {
+    return dm::load(node->removed) != 0;
+}
+
+LIST_COMPARE __compare_in_use(const LIST_ST* list, LIST_COMPARE compare) {
+    return compare != nullptr ? compare : list->compare;
+}
+
+int __make_node(LIST_ST* list, void* item, dm::Owned<LIST_NODE_ST>& made) {
+    auto node = dm::allocate<LIST_NODE_ST>();
+    if (!node)
+        return ENOMEM;
+    if (const int status = dm::zero(node.get()); status != 0)
+        return status;
+    node->owner = list;
+    node->item = item;
+    node->refs = 1;
+    made = std::move(node);
+    return 0;
+}
+
+void __link_between(LIST_ST* list, LIST_NODE_ST* node, LIST_NODE_ST* before, LIST_NODE_ST* behind) {
+    dm::store(node->prev, before);
+    dm::store(node->next, behind);
+    dm::store(before->next, node);
+    dm::store(behind->prev, node);
+    std::atomic_ref(list->count).fetch_add(1);
+}
+
+// Takes an unlinked node off its list's count, also when the free callback is cancelled.
+struct UncountNode {
+    void operator()(LIST_NODE_ST* node) const {
+        LIST_ST* owner = node->owner;
+        std::free(node);
+        std::atomic_ref(owner->count).fetch_sub(1);
+    }
+};
+
+void __unlink(LIST_NODE_ST* node) {
+    const std::unique_ptr<LIST_NODE_ST, UncountNode> unlinked(node);
+    dm::store(__next(node)->prev, __prev(node));
+    dm::store(__prev(node)->next, __next(node));
+    if (const LIST_FREE free_item = node->owner->free_item; free_item != nullptr)
+        free_item(node->item);
+}
+
+// Drops one reference; the last one takes the node out.
+void __release(LIST_NODE_ST* node, Mark mark) {
+    if (mark == Mark::removed)
+        dm::store(node->removed, 1U);
+    if (std::atomic_ref(node->refs).fetch_sub(1) <= 1)
+        __unlink(node);
+}
+
+// The list's own reference goes only once, however often a node is removed.
+void __remove(LIST_NODE_ST* node) {
+    if (!__is_removed(node))
+        __release(node, Mark::removed);
+}
+
+LIST_NODE_ST* __node_at(LIST_ST* list, int32_t position) {
+    LIST_NODE_ST* node = __next(&list->sentinel);
+    for (; position > 0 && node != &list->sentinel; --position)
+        node = __next(node);
+    return node;
+}
+
+LIST_NODE_ST* __skip_removed(LIST_ST* list, LIST_NODE_ST* node) {
+    while (node != &list->sentinel && __is_removed(node))
+        node = __next(node);
+    return node;
+}
+
+// Takes a reference on a node for an iterator; the sentinel is the end.
+void __stand_on(LIST_ITER_ST* iter, LIST_NODE_ST* node) {
+    if (node == &iter->list->sentinel)
+        return;
+    std::atomic_ref(node->refs).fetch_add(1);
+    iter->node = node;
+}
+
+LIST_NODE_ST* __find(LIST_ST* list, const void* key, LIST_COMPARE compare) {
+    for (LIST_NODE_ST* node = __next(&list->sentinel); node != &list->sentinel;
+         node = __next(node)) {
+        if (!__is_removed(node) && compare(node->item, key) == 0)
+            return node;
+    }
+    return nullptr;
+}
+
+int __init_recursive(pthread_mutex_t* mutex) {
+    pthread_mutexattr_t attr;
+    int status = pthread_mutexattr_init(&attr);
+    if (status != 0)
+        return status;
+    status = pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
+    if (status == 0)
+        status = pthread_mutex_init(mutex, &attr);
+    pthread_mutexattr_destroy(&attr);
+    return status;
+}
+
+// Makes a node for the item and links it behind the node that `find_before` gives, which is called
+// with the list locked.
+template<class FindBefore>
+int __insert_behind(LIST_ST* list, void* item, FindBefore find_before) {
+    if (list == nullptr || item == nullptr)
+        return EINVAL;
+    dm::Owned<LIST_NODE_ST> node;
+    if (const int status = __make_node(list, item, node); status != 0)
+        return status;
+    const ListLock lock(list);
+    LIST_NODE_ST* before = find_before();
+    __link_between(list, node.release(), before, __next(before));
+    return 0;
+}
+
+// Inserts behind the first node, seen from the tail, that does not sort behind the new item, so
+// that equal items keep the order in which they came. `sign` is 1 for ascending, -1 for descending.
+int __insert_ordered(LIST_ST* list, void* item, LIST_COMPARE compare, int sign) {
+    return __insert_behind(list, item, [=] {
+        const LIST_COMPARE in_use = __compare_in_use(list, compare);
+        const auto sorts_behind = [=](int result) { return sign > 0 ? result > 0 : result < 0; };
+        LIST_NODE_ST* node = __prev(&list->sentinel);
+        while (node != &list->sentinel && sorts_behind(in_use(node->item, item)))
+            node = __prev(node);
+        return node;
+    });
+}
+
+// Moves the whole chain of `source` between two neighbouring nodes of another list.
+void __splice(LIST_ST* source, LIST_NODE_ST* before, LIST_NODE_ST* behind) {
+    LIST_NODE_ST* first = __next(&source->sentinel);
+    LIST_NODE_ST* last = __prev(&source->sentinel);
+    if (first == &source->sentinel)
+        return;
+    dm::store(first->prev, before);
+    dm::store(before->next, first);
+    dm::store(last->next, behind);
+    dm::store(behind->prev, last);
+}
+
+void __dispose_handle(LIST_ST* list) {
+    mmMutexDestroy(&list->mutex);
+    std::free(list);
+}
+
+enum class End { head, tail };
+
+int __concat(LIST_ST* list, LIST_ST* source, End end) {
+    if (list == nullptr || source == nullptr || list == source)
+        return EINVAL;
+    {
+        const ListLock lock(list);
+        const ListLock source_lock(source);
+        LIST_NODE_ST* sentinel = &list->sentinel;
+        if (end == End::tail)
+            __splice(source, __prev(sentinel), sentinel);
+        else
+            __splice(source, sentinel, __next(sentinel));
+    }
+    __dispose_handle(source);
+    return 0;
+}
+
+} // namespace
+
+int list_create(LIST_ST** list, LIST_COMPARE compare, LIST_FREE free_item) {
+    if (list == nullptr)
+        return EINVAL;
+    auto made = dm::allocate<LIST_ST>();
+    if (!made)
+        return ENOMEM;
+    if (const int status = dm::zero(made.get()); status != 0)
+        return status;
+    if (const int status = __init_recursive(&made->mutex); status != 0) {
+        *list = nullptr;
+        return status;
+    }
+    made->lock = mmMutexLock;
+    made->unlock = mmMutexUnLock;
+    made->sentinel.owner = made.get();
+    made->sentinel.prev = &made->sentinel;
+    made->sentinel.next = &made->sentinel;
+    made->compare = compare != nullptr ? compare : list_default_compare;
+    made->free_item = free_item;
+    *list = made.release();
+    return 0;
+}
+
+void list_destroy(LIST_ST* list) {
+    if (list == nullptr)
+        return;
+    {
+        const ListLock lock(list);
+        LIST_NODE_ST* node = __next(&list->sentinel);
+        while (node != &list->sentinel) {
+            LIST_NODE_ST* behind = __next(node);
+            if (list->free_item != nullptr)
+                list->free_item(node->item);
+            std::free(node);
+            node = behind;
+        }
+    }
+    __dispose_handle(list);
+}
+
+int list_default_compare(const void* item, const void* key) {
+    const auto a = reinterpret_cast<uintptr_t>(item);
+    const auto b = reinterpret_cast<uintptr_t>(key);
+    if (a == b)
+        return 0;
+    return a > b ? 1 : -1;
+}
+
+uint32_t list_size(LIST_ST* list) {
+    return list != nullptr ? dm::load(list->count) : 0;
+}
+
+int list_is_empty(LIST_ST* list) {
+    return list == nullptr || __next(&list->sentinel) == &list->sentinel;
+}
+
+void* list_to_item(LIST_NODE_ST* node) {
+    return node != nullptr ? node->item : nullptr;
+}
+
+// The sentinel's item is null, which is the answer for an empty list.
+void* list_first_item(LIST_ST* list) {
+    return list != nullptr ? __next(&list->sentinel)->item : nullptr;
+}
+
+void* list_last_item(LIST_ST* list) {
+    return list != nullptr ? __prev(&list->sentinel)->item : nullptr;
+}
+
+int list_append(LIST_ST* list, void* item) {
+    return __insert_behind(list, item, [=] { return __prev(&list->sentinel); });
+}
+
+int list_prepend(LIST_ST* list, void* item) {
+    return __insert_behind(list, item, [=] { return &list->sentinel; });
+}
+
+int list_insert_pos(LIST_ST* list, void* item, int32_t position) {
+    return __insert_behind(list, item, [=] { return __prev(__node_at(list, position)); });
+}
+
+int list_insert_ascend(LIST_ST* list, void* item, LIST_COMPARE compare) {
+    return __insert_ordered(list, item, compare, 1);
+}
+
+int list_insert_descend(LIST_ST* list, void* item, LIST_COMPARE compare) {
+    return __insert_ordered(list, item, compare, -1);
+}
+
+int list_concat_after(LIST_ST* list, LIST_ST* source) {
+    return __concat(list, source, End::tail);
+}
+
+int list_concat_before(LIST_ST* list, LIST_ST* source) {
+    return __concat(list, source, End::head);
+}
+
+int list_remove(LIST_ST* list, LIST_NODE_ST* node) {
+    if (list == nullptr)
+        return EINVAL;
+    if (node == nullptr)
+        return 0;
+    const ListLock lock(list);
+    __remove(node);
+    return 0;
+}
+
+int list_remove_by_tag(LIST_ST* list, const void* key, LIST_COMPARE compare) {
+    if (list == nullptr)
+        return EINVAL;
+    const ListLock lock(list);
+    if (LIST_NODE_ST* node = __find(list, key, __compare_in_use(list, compare)); node != nullptr)
+        __remove(node);
+    return 0;
+}
+
+LIST_NODE_ST* list_search(LIST_ST* list, const void* key, LIST_COMPARE compare) {
+    return __find(list, key, __compare_in_use(list, compare));
+}
+
+void list_iter_init(LIST_ST* list, LIST_ITER_ST* iter) {
+    if (list != nullptr && iter != nullptr)
+        list_iter_init_node(list, iter, nullptr);
+}
+
+// References are counted atomically, so the one taken here needs no lock against a remover.
+void list_iter_init_node(LIST_ST* list, LIST_ITER_ST* iter, LIST_NODE_ST* node) {
+    iter->list = list;
+    iter->node = node;
+    if (node != nullptr)
+        std::atomic_ref(node->refs).fetch_add(1);
+}
+
+LIST_NODE_ST* list_iter_next(LIST_ITER_ST* iter) {
+    if (iter == nullptr || iter->list == nullptr)
+        return nullptr;
+    LIST_ST* list = iter->list;
+    const ListLock lock(list);
+    // Leaving a node may run the free callback, which may change the list: the next node is held
+    // before, and passed over when it was removed by that.
+    do {
+        LIST_NODE_ST* left = std::exchange(iter->node, nullptr);
+        __stand_on(iter, __skip_removed(list, __next(left != nullptr ? left : &list->sentinel)));
+        if (left != nullptr)
+            __release(left, Mark::keep);
+    } while (iter->node != nullptr && __is_removed(iter->node));
+    return iter->node;
+}
+
+void list_iter_destroy(LIST_ITER_ST* iter) {
+    if (iter == nullptr || iter->list == nullptr)
+        return;
+    const ListLock lock(iter->list);
+    if (iter->node != nullptr)
+        __release(iter->node, Mark::keep);
+}
+
+void list_iterate(LIST_ST* list, LIST_VISITOR visitor, void* arg, uint32_t value) {
+    if (list == nullptr || visitor == nullptr)
+        return;
+    LIST_ITER_ST iter;
+    list_iter_init(list, &iter);
+    while (LIST_NODE_ST* node = list_iter_next(&iter))
+        visitor(list_to_item(node), arg, value);
+    list_iter_destroy(&iter);
+}

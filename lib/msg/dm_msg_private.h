@@ -1,0 +1,63 @@
+// What the transports share with the framework and with each other.
+#ifndef DM_MSG_PRIVATE_H
+#define DM_MSG_PRIVATE_H
+
+#include "base/atomic_field.h"
+#include "base/memory.h"
+#include "dm_msg_intf.h"
+#include "platform_bounds.h"
+
+#include <cstring>
+
+// Who has an interface record after a registration.
+enum class IntfHolder {
+    caller,  // the list refused it: not registered, still the caller's
+    context, // it is listed
+    nobody,  // the poller refused it: closed and released
+};
+
+// dm_intf_register(), which also tells who has the record afterwards. That cannot be found out by
+// name: neither a refused record nor a released one is listed.
+int __dm_intf_register(DM_CB_ST* dm_cb, DM_INTF_ST* intf, IntfHolder* holder);
+
+// Copies an interface's name, or the default one, cut to 31 characters. Gives a status.
+inline int __dm_copy_intf_name(char (&copy)[DM_INTF_NAME_LEN], const char* name,
+                               const char* default_name) {
+    const int status =
+        strncpy_s(copy, sizeof(copy), name != nullptr ? name : default_name, DM_INTF_NAME_LEN - 1);
+    copy[DM_INTF_NAME_LEN - 1] = '\0';
+    return status;
+}
+
+// Copies a payload with the given bounds-checked function; an empty one needs no bytes to point at.
+// Gives a status.
+inline int __dm_copy_payload(dm::CopyFunction copy, uint8_t (&dest)[DM_MAX_DATA_LEN],
+                             const DM_DATA_ST* data) {
+    return data->data_len != 0 ? copy(dest, sizeof(dest), data->data, data->data_len) : 0;
+}
+
+inline bool __dm_has_name(const DM_INTF_ST* intf, const char* name) {
+    return std::strncmp(intf->name, name, DM_INTF_NAME_LEN) == 0;
+}
+
+// The slots that all transports fill alike. A request may be sent while another thread sets them.
+inline int __dm_set_retry(DM_INTF_ST* intf, int32_t retry_cnt, uint32_t timeout_ms) {
+    dm::store(intf->retry_cnt, retry_cnt);
+    dm::store(intf->timeout_ms, timeout_ms);
+    return 0;
+}
+
+inline int __dm_get_retry(DM_INTF_ST* intf, int32_t* retry_cnt, uint32_t* timeout_ms) {
+    *retry_cnt = dm::load(intf->retry_cnt);
+    *timeout_ms = dm::load(intf->timeout_ms);
+    return 0;
+}
+
+// send_msg_ex of the transports that have no use for the two further arguments.
+template<DM_SEND_MSG Send>
+int __dm_send_msg_ex(DM_INTF_ST* intf, uint32_t type, DM_ADDR_ST* addr, uint32_t addr_len,
+                     DM_DATA_ST* data, uint32_t /*extra1*/, uint32_t /*extra2*/, uint64_t req_id) {
+    return Send(intf, type, addr, addr_len, data, req_id);
+}
+
+#endif

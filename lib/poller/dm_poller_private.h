@@ -1,0 +1,29 @@
+// What the poller offers to the rest of the library beyond its exported interface.
+#ifndef DM_POLLER_PRIVATE_H
+#define DM_POLLER_PRIVATE_H
+
+#include "dm_poller.h"
+
+// Releases what a timer's user data refers to; runs once, when the timer's entry goes for good.
+using POLLER_RELEASE = void (*)(void* user_data);
+
+// As poller_timer_add(), with a timer that owns what its user data refers to: `release` is called
+// with the timer's copy of the data after it fired or was removed, when no callback can use it any
+// more. It runs with the timer list locked. A failed call leaves the data the caller's.
+int __poller_timer_add_owning(POLLER_ST* poller, uint32_t interval_ms,
+                              POLLER_TIMER_CALLBACK callback, const void* user_data,
+                              int32_t user_data_len, POLLER_RELEASE release,
+                              POLLER_TIMER_ENTRY_ST** timer);
+
+// As poller_fd_remove(), and waits for a callback of the removed entries that runs at the moment,
+// unless called on the poll thread: none runs any more when the call has returned.
+int __poller_fd_remove_and_wait(POLLER_ST* poller, int fd, int events);
+
+// Sets what runs once no callback will run any more because the poller was destroyed: on the thread
+// that releases the poller, or in poller_destory() when its thread had not begun yet.
+void __poller_on_end(POLLER_ST* poller, void (*hook)(void* arg), void* arg);
+
+// True on the poller's own thread.
+bool __poller_is_current(POLLER_ST* poller);
+
+#endif

@@ -1,0 +1,352 @@
+#include "dm_poller.h"
+
+#include "support/framework.h"
+#include "support/platform_hooks.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <memory>
+#include <thread>
+
+namespace {
+
+using support::Call;
+using support::Event;
+using support::Fault;
+
+using FdFunction = std::function<void(int fd, int events)>;
+using TimerFunction = std::function<void(uint32_t interval_ms, int32_t elapsed_ms)>;
+
+int call_fd(int fd, int events, void* user_data, uint32_t /*len*/) {
+    (**static_cast<FdFunction**>(user_data))(fd, events);
+    return 0;
+}
+
+int call_timer(uint32_t interval_ms, int32_t elapsed_ms, void* user_data, uint32_t /*len*/) {
+    (**static_cast<TimerFunction**>(user_data))(interval_ms, elapsed_ms);
+    return 0;
+}
+
+class PollerTest : public testing::Test {
+protected:
+    void SetUp() override {
+        support::skip_log_interval();
+        support::clear_log();
+        ASSERT_EQ(poller_create(&poller_), 0);
+        ASSERT_EQ(pipe(pipe_.data()), 0);
+    }
+    void TearDown() override {
+        if (poller_ != nullptr)
+            destroy();
+        close(pipe_[0]);
+        close(pipe_[1]);
+    }
+
+    // The poller is released when both ends of its notice pipe are closed.
+    void watch_release() {
+        support::on_close_file = [this, fds = std::to_array(poller_->notify_fd)](int fd) {
+            if (fd == fds[0] || fd == fds[1])
+                closed_.set();
+        };
+    }
+    void await_release() {
+        EXPECT_TRUE(closed_.wait(2));
+        support::on_close_file = nullptr;
+    }
+    void destroy() {
+        watch_release();
+        EXPECT_EQ(poller_destory(std::exchange(poller_, nullptr)), 0);
+        await_release();
+        closed_.reset();
+    }
+    // Holds the poll thread in a callback while `meanwhile` runs.
+    void while_held(const std::function<void()>& meanwhile) {
+        held_.reset();
+        go_.reset();
+        const int fd = poller_->notify_fd[1]; // writable at any time
+        ASSERT_EQ(add_fd(hold_, fd, POLLOUT), 0);
+        run();
+        ASSERT_TRUE(held_.wait());
+        EXPECT_EQ(poller_fd_remove(poller_, fd, POLLOUT), 0);
+        meanwhile();
+        go_.set();
+    }
+
+    uint32_t state() const { return std::atomic_ref(poller_->state).load(); }
+    bool reaches(uint32_t wanted) const {
+        return support::eventually([&] { return state() == wanted; });
+    }
+    void run() {
+        ASSERT_EQ(poller_run(poller_), 0);
+        ASSERT_TRUE(reaches(POLLER_RUN));
+    }
+
+    int add_fd(FdFunction& function, int fd, int16_t events = POLLIN) {
+        FdFunction* pointer = &function;
+        return poller_fd_add(poller_, fd, events, call_fd, &pointer, sizeof(pointer));
+    }
+    int add_timer(TimerFunction& function, uint32_t ms, POLLER_TIMER_ENTRY_ST** timer = nullptr) {
+        TimerFunction* pointer = &function;
+        return poller_timer_add(poller_, ms, call_timer, &pointer, sizeof(pointer), timer);
+    }
+
+    POLLER_ST* poller_ = nullptr;
+    std::array<int, 2> pipe_{};
+    Event closed_;
+    Event held_;
+    Event go_;
+    FdFunction hold_ = [this](int, int) {
+        held_.set();
+        EXPECT_TRUE(go_.wait());
+    };
+};
+
+TEST_F(PollerTest, CallsBackWithItsOwnCopyOfTheData) {
+    struct Seen {
+        Event event;
+        int fd = -1, events = 0;
+    } seen;
+    FdFunction on_input = [&](int fd, int events) {
+        char byte = 0;
+        EXPECT_EQ(read(fd, &byte, 1), 1);
+        seen.fd = fd;
+        seen.events = events;
+        seen.event.set();
+    };
+    ASSERT_EQ(add_fd(on_input, pipe_[0]), 0);
+    run();
+    EXPECT_EQ(poller_run(poller_), 1) << "it runs already";
+    ASSERT_EQ(write(pipe_[1], "x", 1), 1);
+    ASSERT_TRUE(seen.event.wait());
+    EXPECT_EQ(seen.fd, pipe_[0]);
+    EXPECT_EQ(seen.events, POLLIN);
+}
+
+TEST_F(PollerTest, ChecksArgumentsAndThreads) {
+    EXPECT_EQ(poller_create(nullptr), EINVAL);
+    EXPECT_EQ(poller_run(nullptr), EINVAL);
+    EXPECT_EQ(poller_destory(nullptr), EINVAL);
+    EXPECT_EQ(poller_fd_remove(nullptr, 0, POLLIN), EINVAL);
+    EXPECT_EQ(poller_fd_add(poller_, pipe_[0], POLLIN, nullptr, "x", 0), EINVAL);
+    EXPECT_EQ(poller_fd_add(poller_, pipe_[0], POLLIN, nullptr, nullptr, 8), 0);
+    EXPECT_EQ(poller_fd_add(poller_, pipe_[0], POLLIN, nullptr, "x", -1), 0);
+    const auto* entry = static_cast<POLLER_FD_ENTRY_ST*>(list_last_item(poller_->fd_list));
+    EXPECT_EQ(entry->user_data, nullptr);
+    EXPECT_EQ(entry->user_data_len, 0U);
+    EXPECT_EQ(poller_timer_add(poller_, 1, nullptr, nullptr, 0, nullptr), EINVAL);
+    EXPECT_EQ(poller_timer_add(poller_, 1, nullptr, "x", -1, nullptr), EINVAL);
+    EXPECT_EQ(poller_timer_remove(poller_, nullptr), EINVAL);
+    std::thread([this] {
+        EXPECT_EQ(poller_run(poller_), 1);
+        EXPECT_EQ(poller_exit(poller_), 1);
+    }).join();
+}
+
+TEST_F(PollerTest, RemovesByDescriptorAndSharedEvent) {
+    FdFunction none = [](int, int) {};
+    ASSERT_EQ(add_fd(none, pipe_[0], POLLIN | POLLPRI), 0);
+    ASSERT_EQ(add_fd(none, pipe_[0], POLLIN), 0);
+    ASSERT_EQ(add_fd(none, pipe_[1], POLLIN), 0);
+    EXPECT_EQ(poller_fd_remove(poller_, pipe_[0], POLLOUT), 0);
+    EXPECT_EQ(list_size(poller_->fd_list), 4U) << "the notice pipe and three";
+    EXPECT_EQ(poller_fd_remove(poller_, pipe_[0], POLLPRI), 0);
+    EXPECT_EQ(list_size(poller_->fd_list), 3U);
+    run();
+    EXPECT_EQ(poller_fd_remove(poller_, pipe_[1], POLLIN | POLLOUT), 0);
+    EXPECT_EQ(poller_fd_remove(poller_, pipe_[1], POLLIN), 0) << "marked already";
+    EXPECT_TRUE(support::eventually([&] { return list_size(poller_->fd_list) == 2; }));
+}
+
+TEST_F(PollerTest, FiresTimersInTheOrderOfTheirDeadlines) {
+    std::vector<int> fired;
+    int32_t elapsed_of_zero = 0;
+    Event last;
+    TimerFunction late = [&](uint32_t, int32_t) {
+        fired.push_back(30);
+        last.set();
+    };
+    TimerFunction first = [&](uint32_t, int32_t) { fired.push_back(1); };
+    TimerFunction second = [&](uint32_t, int32_t) { fired.push_back(2); };
+    TimerFunction removed = [&](uint32_t, int32_t) { fired.push_back(-1); };
+    TimerFunction zero = [&](uint32_t, int32_t elapsed) { elapsed_of_zero = elapsed; };
+    POLLER_TIMER_ENTRY_ST* handle = nullptr;
+    ASSERT_EQ(add_timer(late, 30), 0);
+    ASSERT_EQ(add_timer(first, 10), 0);
+    ASSERT_EQ(add_timer(second, 10), 0);
+    ASSERT_EQ(add_timer(zero, 0), 0);
+    ASSERT_EQ(add_timer(removed, 5, &handle), 0);
+    EXPECT_EQ(poller_timer_remove(poller_, &handle), 0);
+    EXPECT_EQ(list_size(poller_->timer_list), 4U) << "at once while the poller is idle";
+    run();
+    ASSERT_TRUE(last.wait());
+    EXPECT_EQ(fired, (std::vector<int>{1, 2, 30}));
+    EXPECT_EQ(elapsed_of_zero, 1);
+    EXPECT_TRUE(support::eventually([&] { return list_is_empty(poller_->timer_list) == 1; }));
+}
+
+// Timers that always add the next one must leave the loop its descriptors.
+TEST_F(PollerTest, TimerThatReArmsItselfDoesNotHoldTheLoop) {
+    TimerFunction again = [&, poller = poller_](uint32_t, int32_t) {
+        TimerFunction* pointer = &again;
+        poller_timer_add(poller, 0, call_timer, &pointer, sizeof(pointer), nullptr);
+    };
+    Event input;
+    FdFunction on_input = [&](int, int) { input.set(); };
+    ASSERT_EQ(add_timer(again, 0), 0);
+    ASSERT_EQ(add_fd(on_input, pipe_[0]), 0);
+    ASSERT_EQ(write(pipe_[1], "x", 1), 1);
+    run();
+    EXPECT_TRUE(input.wait(3));
+    destroy();
+}
+
+// A handle that its callback clears must stay clear: no late store brings it back.
+TEST_F(PollerTest, StoresTheHandleBeforeTheTimerFires) {
+    using Handle = POLLER_TIMER_ENTRY_ST*;
+    std::array<Handle, 500> handles{};
+    run();
+    for (Handle& handle : handles) {
+        Handle* pointer = &handle;
+        ASSERT_EQ(poller_timer_add(
+                      poller_, 0,
+                      [](uint32_t, int32_t, void* user_data, uint32_t) {
+                          Handle& own = **static_cast<Handle**>(user_data);
+                          EXPECT_NE(std::atomic_ref(own).exchange(nullptr), nullptr);
+                          return 0;
+                      },
+                      &pointer, sizeof(pointer), &handle),
+                  0);
+    }
+    EXPECT_TRUE(support::eventually([&] { return list_is_empty(poller_->timer_list) == 1; }));
+    EXPECT_EQ(std::ranges::count(handles, nullptr), 500);
+}
+
+TEST_F(PollerTest, FailedTimerLeavesNothingBehind) {
+    auto* const before = reinterpret_cast<POLLER_TIMER_ENTRY_ST*>(pipe_.data());
+    POLLER_TIMER_ENTRY_ST* handle = before;
+    TimerFunction none;
+    for (const Call call : {Call::malloc, Call::memset_s, Call::memmove_s})
+        EXPECT_GT(support::fail_each(call,
+                                     [&] {
+                                         if (add_timer(none, 1, &handle) == 0)
+                                             poller_timer_remove(poller_, &handle);
+                                         else
+                                             EXPECT_EQ(handle, before);
+                                         handle = before;
+                                     }),
+                  0);
+    EXPECT_EQ(list_size(poller_->timer_list), 0U);
+}
+
+TEST_F(PollerTest, RunsAgainAfterExit) {
+    for (int round = 0; round < 3; ++round) {
+        while_held([this] {
+            EXPECT_EQ(poller_exit(poller_), 0);
+            EXPECT_EQ(poller_exit(poller_), 0) << "the second notice must not stop the next run";
+        });
+        ASSERT_TRUE(reaches(POLLER_IDLE));
+        const auto* entry = static_cast<POLLER_FD_ENTRY_ST*>(list_first_item(poller_->fd_list));
+        EXPECT_EQ(entry->slot, nullptr) << "the array is gone with the thread";
+    }
+    EXPECT_EQ(support::logged('W', "do poll exit, poll state = 2\n"), 3);
+}
+
+TEST_F(PollerTest, ExitFollowedByDestroyReleases) {
+    watch_release();
+    while_held([this] {
+        EXPECT_EQ(poller_exit(poller_), 0);
+        EXPECT_EQ(poller_destory(std::exchange(poller_, nullptr)), 0);
+    });
+    await_release();
+}
+
+TEST_F(PollerTest, DestroyedBeforeItsThreadBegins) {
+    const auto begin = support::hold_next_task();
+    ASSERT_EQ(poller_run(poller_), 0);
+    EXPECT_EQ(poller_run(poller_), 1);
+    watch_release();
+    EXPECT_EQ(poller_destory(std::exchange(poller_, nullptr)), 0);
+    EXPECT_EQ(closed_.count(), 0) << "not under the thread that begins";
+    begin();
+    await_release();
+}
+
+TEST_F(PollerTest, FallsBackToDefaultThreadAttributes) {
+    {
+        Fault refused(Call::create_task_with_attr, 1);
+        run();
+    }
+    EXPECT_EQ(support::logged('W', "The system does not support ajusting sched priority, try using "
+                                   "default thread prority\n"),
+              1);
+    destroy();
+    ASSERT_EQ(poller_create(&poller_), 0);
+    Fault refused(Call::create_task_with_attr, 1);
+    Fault failed(Call::create_task, 1);
+    EXPECT_EQ(poller_run(poller_), EAGAIN);
+    EXPECT_EQ(poller_run(poller_), 0) << "it can be tried again";
+    ASSERT_TRUE(reaches(POLLER_RUN));
+}
+
+// The pass that cannot grow its array must not look at the slots of the old one.
+TEST_F(PollerTest, PassWithoutAnArrayDispatchesNothing) {
+    for (const Call call : {Call::malloc, Call::memset_s}) {
+        std::atomic<bool> failing = false;
+        std::unique_ptr<Fault> fault;
+        Event calls;
+        Event after;
+        FdFunction on_input = [&](int fd, int events) {
+            EXPECT_FALSE(failing);
+            EXPECT_EQ(fd, pipe_[0]);
+            EXPECT_EQ(events, POLLIN);
+            calls.set();
+        };
+        // Behind the pass without an array comes its timer step, and then a pass with one.
+        TimerFunction end_of_failure = [&](uint32_t, int32_t) {
+            EXPECT_TRUE(fault->fired());
+            fault.reset();
+            failing = false;
+            after.set();
+        };
+        TimerFunction grow = [&](uint32_t, int32_t) {
+            for (int i = 0; i < 20; ++i)
+                ASSERT_EQ(add_fd(on_input, pipe_[0]), 0);
+            ASSERT_EQ(add_timer(end_of_failure, 0), 0);
+            failing = true;
+            fault = std::make_unique<Fault>(call, 1);
+        };
+        ASSERT_EQ(write(pipe_[1], "x", 1), 1);
+        ASSERT_EQ(add_fd(on_input, pipe_[0]), 0);
+        ASSERT_EQ(add_timer(grow, 20), 0);
+        run();
+        ASSERT_TRUE(after.wait());
+        ASSERT_TRUE(calls.wait(calls.count() + 21));
+        support::skip_log_interval();
+        destroy();
+        ASSERT_EQ(poller_create(&poller_), 0);
+    }
+    EXPECT_EQ(support::logged('E', "malloc fail. errno=12."), 1);
+}
+
+TEST(PollerTime, CarriesAndBorrows) {
+    const POLLER_TIME_ST base{10, 999000000};
+    POLLER_TIME_ST result{};
+    poller_time_add_ms(&result, &base, 2001);
+    EXPECT_EQ(result.tv_sec, 13);
+    EXPECT_EQ(result.tv_nsec, 0);
+    poller_time_sub_ms(&result, &base, 2999);
+    EXPECT_EQ(result.tv_sec, 8);
+    EXPECT_EQ(result.tv_nsec, 0);
+    const POLLER_TIME_ST later{12, 1999999};
+    EXPECT_EQ(poller_time_diff_ms(&result, &later, &base), 1002);
+    EXPECT_EQ(result.tv_nsec, 2999999);
+    EXPECT_EQ(poller_time_diff_ms(&result, &base, &later), -1);
+    EXPECT_EQ(poller_time_diff_ms(nullptr, &base, &base), -1);
+    EXPECT_EQ(poller_time_cmp(&base, &later), -1);
+}
+
+} // namespace

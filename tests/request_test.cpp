@@ -1,0 +1,174 @@
+// Requests: time-outs, re-sends and the matching of responses.
+#include "dm_msg_intf.h"
+
+#include "support/framework.h"
+#include "support/platform_hooks.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <thread>
+
+namespace {
+
+using support::Context;
+using support::Event;
+using support::MsgFunction;
+using support::Transport;
+
+// An interface that sends nowhere and notes how often.
+class Request : public testing::Test {
+protected:
+    void SetUp() override {
+        support::clear_log();
+        transport_.send = [this](DM_INTF_ST*, uint32_t, uint64_t req_id) {
+            req_id_ = req_id;
+            ++sent_;
+            return send_status_.load();
+        };
+        on_response_ = [this](DM_INTF_ST* intf, DM_MSG_ST* msg) {
+            EXPECT_EQ(msg->type, DM_MSG_RSP);
+            EXPECT_EQ(msg->req_id, req_id_);
+            through_ = intf->name;
+            text_ = support::text_of(msg);
+            response_.set();
+        };
+    }
+
+    DM_INTF_ST* add(int32_t retry_cnt, uint32_t timeout_ms) {
+        transport_.retry_cnt = retry_cnt;
+        transport_.timeout_ms = timeout_ms;
+        return transport_.add(context_, "fake");
+    }
+
+    Transport transport_;
+    Event response_;
+    MsgFunction on_response_;
+    std::string text_;
+    std::string through_;
+    std::atomic<int> sent_ = 0;
+    std::atomic<int> send_status_ = 0;
+    std::atomic<uint64_t> req_id_ = 0;
+    Context context_;
+};
+
+TEST_F(Request, IsSentOnceMoreThanItIsRetried) {
+    for (const int retries : {0, 1, 3}) {
+        sent_ = 0;
+        int timeouts = 0;
+        int sent_at_timeout = 0;
+        transport_.timeout = [&] {
+            ++timeouts;
+            sent_at_timeout = sent_;
+        };
+        DM_INTF_ST* intf = add(retries, 20);
+        EXPECT_EQ(support::send(intf, "anybody?", &on_response_), 0);
+        const int before = response_.count();
+        ASSERT_TRUE(response_.wait(before + 1));
+        EXPECT_EQ(sent_, retries + 1);
+        EXPECT_EQ(sent_at_timeout, retries + 1) << "the last re-send reports the time-out";
+        EXPECT_EQ(timeouts, 1);
+        EXPECT_EQ(text_, "too late");
+        EXPECT_EQ(through_, "selfloop");
+        EXPECT_EQ(dm_intf_deregister(intf), 0);
+    }
+}
+
+TEST_F(Request, WithoutTimeoutHandlerIsAnsweredWithItsOwnData) {
+    EXPECT_EQ(support::send(add(0, 1), "anybody?", &on_response_), 0);
+    ASSERT_TRUE(response_.wait());
+    EXPECT_EQ(text_, "anybody?");
+}
+
+TEST_F(Request, FailedResendEndsTheRetries) {
+    int timeouts = 0;
+    transport_.timeout = [&] { ++timeouts; };
+    DM_INTF_ST* intf = add(5, 20);
+    EXPECT_EQ(support::send(intf, "x", &on_response_), 0);
+    send_status_ = 1;
+    ASSERT_TRUE(response_.wait());
+    EXPECT_EQ(sent_, 2);
+    EXPECT_EQ(timeouts, 1);
+    EXPECT_EQ(support::logged('I', "finish call intf->send_msg"), 1);
+    EXPECT_EQ(support::send(intf, "x", &on_response_), DM_ERR_SEND);
+    EXPECT_TRUE(
+        support::eventually([&] { return list_is_empty(context_.get()->pending_list) == 1; }));
+}
+
+TEST_F(Request, ChecksItsArguments) {
+    DM_INTF_ST* intf = add(-1, 0);
+    DM_ADDR_ST addr{};
+    char text[] = "x";
+    DM_DATA_ST data{1, text};
+    EXPECT_EQ(dm_send_req(nullptr, &addr, 40, &data, nullptr, text, 1), DM_ERR_INVALID_ARG);
+    EXPECT_EQ(dm_send_req(intf, nullptr, 40, &data, nullptr, text, 1), DM_ERR_INVALID_ARG);
+    EXPECT_EQ(dm_send_req(intf, &addr, 0, &data, nullptr, text, 1), DM_ERR_INVALID_ARG);
+    EXPECT_EQ(dm_send_req(intf, &addr, 40, nullptr, nullptr, text, 1), DM_ERR_INVALID_ARG);
+    EXPECT_EQ(dm_send_req(intf, &addr, 40, &data, nullptr, text, 0), DM_ERR_PENDING_ADD);
+    EXPECT_EQ(dm_send_req(intf, &addr, 40, &data, nullptr, text, 0x80000000U), DM_ERR_PENDING_ADD);
+    EXPECT_EQ(sent_, 0);
+    EXPECT_EQ(dm_send_req(intf, &addr, 40, &data, nullptr, nullptr, 1), 0);
+}
+
+// The frames that come in as responses carry the identity that `req_id_` says.
+TEST_F(Request, IgnoresResponsesToNothing) {
+    Event received;
+    std::atomic<uint64_t> identity = 0;
+    transport_.recv = [&](DM_INTF_ST*, DM_MSG_ST* msg) {
+        msg->type = DM_MSG_RSP;
+        msg->req_id = identity;
+        msg->data.data_len = 4;
+        std::memcpy(msg->data.data, "real", 4);
+        received.set();
+        return 0;
+    };
+    DM_INTF_ST* intf = add(-1, 0);
+    EXPECT_EQ(support::send(intf, "x", &on_response_), 0);
+    transport_.wake();
+    ASSERT_TRUE(received.wait(3));
+    identity = 12345;
+    ASSERT_TRUE(received.wait(received.count() + 3));
+    EXPECT_EQ(response_.count(), 0);
+    identity = req_id_.load();
+    ASSERT_TRUE(response_.wait());
+    EXPECT_EQ(text_, "real");
+    ASSERT_TRUE(received.wait(received.count() + 3));
+    EXPECT_EQ(response_.count(), 1) << "a second response finds nothing";
+    EXPECT_EQ(dm_intf_deregister(intf), 0);
+}
+
+// The response callback of a request that timed out sends the next request, whose timer is likely
+// to get the memory of the one that fired. The first request's end must not take it.
+TEST_F(Request, TimerThatReusesTheAddressFires) {
+    Event second;
+    MsgFunction on_second = [&](DM_INTF_ST*, DM_MSG_ST*) { second.set(); };
+    DM_INTF_ST* intf = add(0, 1);
+    MsgFunction on_first = [&](DM_INTF_ST*, DM_MSG_ST*) {
+        for (int i = 0; i < 8; ++i)
+            EXPECT_EQ(support::send(intf, "again", &on_second), 0);
+    };
+    EXPECT_EQ(support::send(intf, "first", &on_first), 0);
+    EXPECT_TRUE(second.wait(8));
+}
+
+TEST_F(Request, FailuresOfThePendingRecordAreOneCode) {
+    DM_INTF_ST* intf = add(0, 100000);
+    for (const auto call :
+         {support::Call::malloc, support::Call::memset_s, support::Call::memmove_s}) {
+        std::vector<int> statuses;
+        statuses.reserve(10);
+        const int failures = support::fail_each(
+            call, [&] { statuses.push_back(support::send(intf, "x", &on_response_)); });
+        std::vector<int> expected(static_cast<size_t>(failures), DM_ERR_PENDING_ADD);
+        EXPECT_GT(failures, 0);
+        expected.push_back(0);
+        EXPECT_EQ(statuses, expected);
+    }
+    EXPECT_EQ(list_size(context_.get()->pending_list), 3U) << "one that went well each";
+    // The timers of the others go with the next pass, for which the poll thread must wake.
+    EXPECT_EQ(support::send(context_.selfloop(), "wake"), 0);
+    EXPECT_TRUE(
+        support::eventually([&] { return list_size(context_.get()->poller->timer_list) <= 4; }));
+}
+
+} // namespace
