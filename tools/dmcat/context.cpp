@@ -1,0 +1,94 @@
+#include "context.h"
+
+#include "udp_endpoint.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <pthread.h>
+#include <stdexcept>
+#include <string>
+#include <sys/signalfd.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+namespace dmcat {
+
+namespace {
+
+// Blocks the signals for the calling thread and those that it creates.
+int open_signals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    return signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+void require(int status, const std::string& failure) {
+    if (status != 0)
+        throw std::runtime_error(failure);
+}
+
+} // namespace
+
+Context::Context(std::function<void()> on_signal) : Context() {
+    on_signal_ = std::move(on_signal);
+    signal_fd_ = open_signals();
+    if (signal_fd_ < 0)
+        throw std::system_error(errno, std::generic_category(), "cannot watch for signals");
+    require(dm_init(&dm_), "cannot start the message framework");
+    Context* const self = this;
+    require(poller_fd_add(dm_->poller, signal_fd_, POLLIN, signal_arrived, &self, sizeof(void*)),
+            "cannot watch for signals");
+}
+
+Context::~Context() noexcept(false) {
+    if (udp_ != nullptr)
+        dm_intf_deregister(udp_); // waits for its callbacks
+    dm_destroy(dm_);              // gives the signal's more time than it takes
+    close(signal_fd_);
+}
+
+void Context::handle_requests(DM_MSG_HANDLER handler, void* user_data) {
+    require(dm_cmd_register(dm_, handler, nullptr, &user_data, sizeof(void*)),
+            "cannot register the command handler");
+}
+
+DM_INTF_ST& Context::open_udp(const sockaddr_in& endpoint, DM_DATA_HANDLER timeout_hndl) {
+    DM_ADDR_ST address = udp::to_address(endpoint);
+    const int status = dm_udp_init(&udp_, dm_, timeout_hndl, &address, nullptr, 0);
+    require(status, "cannot open udp://" + udp::endpoint_text(endpoint) + ": " +
+                        std::strerror(std::abs(status)));
+    await_next_pass();
+    return *udp_;
+}
+
+// Waits until the poll thread has ended the wait under way, during which it sees no new descriptor.
+void Context::await_next_pass() {
+    Context* const self = this;
+    require(poller_timer_add(dm_->poller, 0, pass_ended, &self, sizeof(void*), nullptr),
+            "cannot add a timer");
+    pass_ended_.acquire();
+}
+
+int Context::pass_ended(std::uint32_t /*interval_ms*/, std::int32_t /*elapsed_ms*/, void* user_data,
+                        std::uint32_t /*user_data_len*/) {
+    (*static_cast<Context**>(user_data))->pass_ended_.release();
+    return 0;
+}
+
+int Context::signal_arrived(int fd, int /*events*/, void* user_data,
+                            std::uint32_t /*user_data_len*/) {
+    // Unread, it would be reported again at once.
+    signalfd_siginfo signal{};
+    if (read(fd, &signal, sizeof signal) != sizeof signal)
+        return 0;
+    (*static_cast<Context**>(user_data))->on_signal_();
+    return 0;
+}
+
+} // namespace dmcat

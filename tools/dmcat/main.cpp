@@ -1,0 +1,35 @@
+// dmcat, the command-line peer of services on the message framework: sends requests and prints
+// their responses, or answers requests with their own data.
+
+#include "exit_status.h"
+#include "listener.h"
+#include "options.h"
+#include "series.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+
+namespace {
+
+int fail(int exit_status, const std::exception& error) {
+    std::fprintf(stderr, "dmcat: %s\n", error.what());
+    return exit_status;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    // dmcat itself says what fails. Whoever wants the library's log lines as well sets the level.
+    setenv("DM_LOG_LEVEL", "none", 0);
+    try {
+        const auto options = dmcat::parse_options(argc, argv);
+        if (!options)
+            return 0;
+        return options->listen ? dmcat::run_listener(*options) : dmcat::run_series(*options);
+    } catch (const dmcat::UsageError& error) {
+        return fail(dmcat::kWrongUsage, error);
+    } catch (const std::exception& error) {
+        return fail(dmcat::kCannotWork, error);
+    }
+}
