@@ -30,6 +30,6 @@
 /** Asserts the size of a record, in bytes, for the LP64 targets that the library serves. */
 #define DM_ASSERT_SIZE(record, size)                                                               \
     DM_STATIC_ASSERT(sizeof(void*) != 8 || sizeof(record) == (size), #record " has " #size " byte" \
-                                                                                           "s")
+                                                                             "s")
 
 #endif

@@ -16,19 +16,6 @@ namespace {
 /** RSIZE_MAX: a size above it is a negative number in disguise, and is refused. */
 constexpr size_t __max_size = SIZE_MAX >> 1;
 
-/**
- * Above 2 KiB the C library may fill with a string instruction, which takes half as long again as
- * vector stores on several processors; message buffers are just above that.
- */
-constexpr size_t __fill_step = 1024;
-
-void __fill(void* dest, int value, size_t count) {
-    auto* bytes = static_cast<unsigned char*>(dest);
-    for (; count > __fill_step; count -= __fill_step, bytes += __fill_step)
-        std::memset(bytes, value, __fill_step);
-    std::memset(bytes, value, count);
-}
-
 int __refuse_memory(void* dest, size_t dest_size, int code) {
     std::memset(dest, 0, dest_size);
     return code;
@@ -89,7 +76,7 @@ int memset_s(void* dest, size_t dest_size, int value, size_t count) {
     if (dest_size > __max_size)
         return ERANGE;
     const bool fits = count <= dest_size;
-    __fill(dest, value, fits ? count : dest_size);
+    std::memset(dest, value, fits ? count : dest_size);
     // To the optimiser, this reads what was filled, so that the fill stays although the memory may
     // never be looked at again.
     __asm__ volatile("" : : "r"(dest) : "memory");
