@@ -140,23 +140,6 @@ TEST_F(List, ConcatenatesWithoutCounting) {
     EXPECT_TRUE(freed.empty());
 }
 
-TEST_F(List, RefusesMissingArguments) {
-    EXPECT_EQ(list_create(nullptr, nullptr, nullptr), EINVAL);
-    EXPECT_EQ(list_append(nullptr, &values[0]), EINVAL);
-    EXPECT_EQ(list_insert_ascend(list_, nullptr, nullptr), EINVAL);
-    EXPECT_EQ(list_concat_before(list_, nullptr), EINVAL);
-    EXPECT_EQ(list_remove(nullptr, nullptr), EINVAL);
-    EXPECT_EQ(list_remove(list_, nullptr), 0);
-    EXPECT_EQ(list_size(nullptr), 0U);
-    EXPECT_EQ(list_is_empty(nullptr), 1);
-    EXPECT_EQ(list_first_item(list_), nullptr);
-    LIST_ITER_ST untouched{list_, nullptr};
-    list_iter_init(nullptr, &untouched);
-    EXPECT_EQ(untouched.list, list_);
-    list_iterate(nullptr, nullptr, nullptr, 0);
-    list_destroy(nullptr);
-}
-
 TEST_F(List, FailedInsertLeavesTheList) {
     fill(1);
     {

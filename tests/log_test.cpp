@@ -62,16 +62,4 @@ TEST_F(Log, OneErrorLineOfAFileInThreeSeconds) {
     support::move_wall_clock(3600000);
 }
 
-TEST_F(Log, ThreadsWriteOneLineBetweenThem) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i)
-        threads.emplace_back([] {
-            for (int j = 0; j < 200; ++j)
-                dm_init(nullptr);
-        });
-    for (auto& thread : threads)
-        thread.join();
-    EXPECT_EQ(support::log_lines().size(), 1U);
-}
-
 } // namespace

@@ -46,21 +46,6 @@ protected:
     DM_MSG_ST msg_{0, 0, 0, 0, &addr_, sizeof(addr_), 0, {DM_MAX_DATA_LEN, buffer_}};
 };
 
-TEST_F(Loop, RecordHasItsDefaults) {
-    EXPECT_STREQ(intf_->name, "selfloop");
-    EXPECT_EQ(intf_->addr.kind, 97U);
-    EXPECT_EQ(intf_->addr.family, 1);
-    EXPECT_EQ(intf_->timeout_hndl, nullptr);
-    EXPECT_EQ(intf_->max_data_len, 0U);
-    int32_t retry_cnt = -1;
-    uint32_t timeout_ms = 0;
-    EXPECT_EQ(intf_->get_retry(intf_, &retry_cnt, &timeout_ms), 0);
-    EXPECT_EQ(retry_cnt, 0);
-    EXPECT_EQ(timeout_ms, 100U);
-    EXPECT_EQ(fcntl(intf_->fd, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
-    EXPECT_EQ(fcntl(intf_->wfd, F_GETFD), FD_CLOEXEC);
-}
-
 TEST_F(Loop, CarriesTheLargestMessage) {
     std::string text(DM_MAX_DATA_LEN, 'x');
     text.back() = 'y';

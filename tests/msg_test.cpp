@@ -44,13 +44,6 @@ TEST_F(Msg, ContextBeginsWithTheSelfloop) {
     dm_destroy(nullptr);
 }
 
-TEST_F(Msg, LogFlagIsTheServicesOwn) {
-    EXPECT_EQ(dev_mon_get_log_flag(), 5U);
-    dev_mon_set_log_flag(3);
-    EXPECT_EQ(g_dev_mon_debug, 3U);
-    dev_mon_set_log_flag(5);
-}
-
 TEST_F(Msg, RequestsGoToTheFirstHandlerOnly) {
     Context context;
     Event first;
@@ -66,32 +59,6 @@ TEST_F(Msg, RequestsGoToTheFirstHandlerOnly) {
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(support::send(context.selfloop(), "hello"), 0);
     EXPECT_TRUE(first.wait(3));
-}
-
-TEST_F(Msg, NullHandlerSwallowsAndHasNoDataOfItsOwn) {
-    static int32_t seen_len;
-    static Event seen;
-    Context context;
-    EXPECT_EQ(dm_cmd_register(
-                  context.get(),
-                  [](DM_INTF_ST*, DM_MSG_ST*, void* user_data, int32_t len) {
-                      EXPECT_EQ(user_data, nullptr);
-                      seen_len = len;
-                      seen.set();
-                      return 0;
-                  },
-                  nullptr, nullptr, 8),
-              0);
-    support::send(context.selfloop(), "x");
-    ASSERT_TRUE(seen.wait());
-    EXPECT_EQ(seen_len, 0);
-    Context swallowing;
-    EXPECT_EQ(dm_cmd_register(swallowing.get(), nullptr, nullptr, "x", 1), 0);
-    swallowing.selfloop()->set_retry(swallowing.selfloop(), -1, 0);
-    EXPECT_EQ(support::send(swallowing.selfloop(), "x"), 0);
-    MsgFunction answered = [&](DM_INTF_ST*, DM_MSG_ST*) { FAIL(); };
-    EXPECT_EQ(support::send(swallowing.selfloop(), "x", &answered), 0);
-    EXPECT_TRUE(swallowing.pass());
 }
 
 TEST_F(Msg, DefaultHandlerAnswersWhileNothingIsRegistered) {
@@ -124,37 +91,6 @@ TEST_F(Msg, DefaultHandlerAnswersWhileNothingIsRegistered) {
     EXPECT_EQ(support::send(context.selfloop(), "hello", &on_response), 0);
     ASSERT_TRUE(answered.wait());
     EXPECT_EQ(text, "default");
-}
-
-TEST_F(Msg, DispatchesOnTheTypeAlone) {
-    Transport transport;
-    Event received;
-    Event requests;
-    std::atomic<uint32_t> type = 2;
-    transport.recv = [&](DM_INTF_ST* intf, DM_MSG_ST* msg) {
-        EXPECT_EQ(msg->addr_len, 40U);
-        EXPECT_EQ(msg->data.data_len, 4096);
-        EXPECT_EQ(std::count(static_cast<char*>(msg->data.data),
-                             static_cast<char*>(msg->data.data) + 4096, '\0'),
-                  4096);
-        msg->type = type;
-        received.set();
-        return intf->dm_cb == nullptr ? -1 : 0;
-    };
-    Context context;
-    MsgFunction on_request = [&](DM_INTF_ST*, DM_MSG_ST* msg) {
-        EXPECT_EQ(msg->type, DM_MSG_REQ);
-        requests.set();
-    };
-    context.on_request(on_request);
-    transport.add(context, "fake");
-    transport.wake();
-    ASSERT_TRUE(received.wait(3));
-    type = DM_MSG_RSP;
-    ASSERT_TRUE(received.wait(received.count() + 3));
-    EXPECT_EQ(requests.count(), 0);
-    type = DM_MSG_REQ;
-    EXPECT_TRUE(requests.wait());
 }
 
 TEST_F(Msg, TwinsGoFirstComeFirst) {

@@ -126,41 +126,6 @@ TEST_F(PollerTest, CallsBackWithItsOwnCopyOfTheData) {
     EXPECT_EQ(seen.events, POLLIN);
 }
 
-TEST_F(PollerTest, ChecksArgumentsAndThreads) {
-    EXPECT_EQ(poller_create(nullptr), EINVAL);
-    EXPECT_EQ(poller_run(nullptr), EINVAL);
-    EXPECT_EQ(poller_destory(nullptr), EINVAL);
-    EXPECT_EQ(poller_fd_remove(nullptr, 0, POLLIN), EINVAL);
-    EXPECT_EQ(poller_fd_add(poller_, pipe_[0], POLLIN, nullptr, "x", 0), EINVAL);
-    EXPECT_EQ(poller_fd_add(poller_, pipe_[0], POLLIN, nullptr, nullptr, 8), 0);
-    EXPECT_EQ(poller_fd_add(poller_, pipe_[0], POLLIN, nullptr, "x", -1), 0);
-    const auto* entry = static_cast<POLLER_FD_ENTRY_ST*>(list_last_item(poller_->fd_list));
-    EXPECT_EQ(entry->user_data, nullptr);
-    EXPECT_EQ(entry->user_data_len, 0U);
-    EXPECT_EQ(poller_timer_add(poller_, 1, nullptr, nullptr, 0, nullptr), EINVAL);
-    EXPECT_EQ(poller_timer_add(poller_, 1, nullptr, "x", -1, nullptr), EINVAL);
-    EXPECT_EQ(poller_timer_remove(poller_, nullptr), EINVAL);
-    std::thread([this] {
-        EXPECT_EQ(poller_run(poller_), 1);
-        EXPECT_EQ(poller_exit(poller_), 1);
-    }).join();
-}
-
-TEST_F(PollerTest, RemovesByDescriptorAndSharedEvent) {
-    FdFunction none = [](int, int) {};
-    ASSERT_EQ(add_fd(none, pipe_[0], POLLIN | POLLPRI), 0);
-    ASSERT_EQ(add_fd(none, pipe_[0], POLLIN), 0);
-    ASSERT_EQ(add_fd(none, pipe_[1], POLLIN), 0);
-    EXPECT_EQ(poller_fd_remove(poller_, pipe_[0], POLLOUT), 0);
-    EXPECT_EQ(list_size(poller_->fd_list), 4U) << "the notice pipe and three";
-    EXPECT_EQ(poller_fd_remove(poller_, pipe_[0], POLLPRI), 0);
-    EXPECT_EQ(list_size(poller_->fd_list), 3U);
-    run();
-    EXPECT_EQ(poller_fd_remove(poller_, pipe_[1], POLLIN | POLLOUT), 0);
-    EXPECT_EQ(poller_fd_remove(poller_, pipe_[1], POLLIN), 0) << "marked already";
-    EXPECT_TRUE(support::eventually([&] { return list_size(poller_->fd_list) == 2; }));
-}
-
 TEST_F(PollerTest, FiresTimersInTheOrderOfTheirDeadlines) {
     std::vector<int> fired;
     int32_t elapsed_of_zero = 0;

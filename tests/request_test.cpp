@@ -95,21 +95,6 @@ TEST_F(Request, FailedResendEndsTheRetries) {
         support::eventually([&] { return list_is_empty(context_.get()->pending_list) == 1; }));
 }
 
-TEST_F(Request, ChecksItsArguments) {
-    DM_INTF_ST* intf = add(-1, 0);
-    DM_ADDR_ST addr{};
-    char text[] = "x";
-    DM_DATA_ST data{1, text};
-    EXPECT_EQ(dm_send_req(nullptr, &addr, 40, &data, nullptr, text, 1), DM_ERR_INVALID_ARG);
-    EXPECT_EQ(dm_send_req(intf, nullptr, 40, &data, nullptr, text, 1), DM_ERR_INVALID_ARG);
-    EXPECT_EQ(dm_send_req(intf, &addr, 0, &data, nullptr, text, 1), DM_ERR_INVALID_ARG);
-    EXPECT_EQ(dm_send_req(intf, &addr, 40, nullptr, nullptr, text, 1), DM_ERR_INVALID_ARG);
-    EXPECT_EQ(dm_send_req(intf, &addr, 40, &data, nullptr, text, 0), DM_ERR_PENDING_ADD);
-    EXPECT_EQ(dm_send_req(intf, &addr, 40, &data, nullptr, text, 0x80000000U), DM_ERR_PENDING_ADD);
-    EXPECT_EQ(sent_, 0);
-    EXPECT_EQ(dm_send_req(intf, &addr, 40, &data, nullptr, nullptr, 1), 0);
-}
-
 // The frames that come in as responses carry the identity that `req_id_` says.
 TEST_F(Request, IgnoresResponsesToNothing) {
     Event received;

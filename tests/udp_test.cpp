@@ -210,26 +210,4 @@ TEST_F(Udp, FailedInitLeavesNothing) {
     EXPECT_EQ(dm_get_intf(context_.get(), "dm_udp", 7), nullptr);
 }
 
-TEST_F(Udp, FailedFramesAreRefused) {
-    const Peer peer;
-    DM_ADDR_ST addr = udp_addr(peer.port());
-    char byte = 'x';
-    DM_DATA_ST data{1, &byte};
-    const auto failing = [&](Call call, int nth) {
-        support::Fault fault(call, nth);
-        return intf_->send_msg(intf_, 0, &addr, 28, &data, 1);
-    };
-    EXPECT_EQ(failing(Call::malloc, 1), -12);
-    EXPECT_EQ(failing(Call::memset_s, 1), -22);
-    EXPECT_EQ(failing(Call::memmove_s, 1), 0);
-    EXPECT_EQ(peer.receive().data_len, 0) << "sent without its payload";
-    DM_MSG_ST msg{};
-    char buffer[DM_MAX_DATA_LEN];
-    msg.addr = &addr;
-    msg.data = {DM_MAX_DATA_LEN, buffer};
-    EXPECT_EQ(dm_intf_deregister(context_.selfloop()), 0);
-    EXPECT_EQ(intf_->recv_msg(intf_, intf_->fd, POLLERR, &msg), 0);
-    EXPECT_EQ(intf_->recv_msg(intf_, intf_->fd, POLLIN, &msg), EAGAIN);
-}
-
 } // namespace

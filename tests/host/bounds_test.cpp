@@ -69,16 +69,4 @@ TEST(Bounds, ARefusedStringCallLeavesTheEmptyString) {
     EXPECT_STREQ(buffer.data, "");
 }
 
-TEST(Bounds, StringOverlapIsOfWhatIsReadAndWritten) {
-    Buffer buffer;
-    EXPECT_EQ(strncpy_s(buffer.data + 4, 4, buffer.data + 1, 3), 0); // byte 4 is not read
-    EXPECT_EQ(buffer.text(), "abcdbcd\0"s);
-    EXPECT_EQ(strncpy_s(buffer.data, 8, buffer.data + 4, 3), 0); // bytes 0 to 3 are written
-    EXPECT_EQ(buffer.text(), "bcd\0bcd\0"s);
-    EXPECT_EQ(strcpy_s(buffer.data + 3, 5, buffer.data), EINVAL); // byte 3 is read and written
-    buffer = Buffer();
-    EXPECT_EQ(strncpy_s(buffer.data, 8, buffer.data + 3, 3), EINVAL);
-    EXPECT_EQ(buffer.text(), "\0bcdefgh"s);
-}
-
 } // namespace

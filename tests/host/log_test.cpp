@@ -128,22 +128,4 @@ TEST(Log, LinesOfSeveralThreadsStayWholeAndNameTheirThread) {
     EXPECT_EQ(next.size(), threads);
 }
 
-void* log_cancelled(void* /*arg*/) {
-    pthread_cancel(pthread_self());
-    DlogErrorInner(module, "cancelled");
-    return nullptr;
-}
-
-TEST(Log, AThreadMayBeCancelledAtTheWrite) {
-    const Lines lines = lines_of("error", [] {
-        pthread_t thread = {};
-        void* result = nullptr;
-        pthread_create(&thread, nullptr, log_cancelled, nullptr);
-        pthread_join(thread, &result);
-        DlogErrorInner(module, "after");
-        return result == PTHREAD_CANCELED;
-    });
-    EXPECT_EQ(lines, Lines({"ERROR after\n"}));
-}
-
 } // namespace

@@ -106,31 +106,4 @@ TEST(Dmcat, SumsUpASeries) {
     EXPECT_EQ(echo.wait().status, 0);
 }
 
-TEST(Dmcat, RefusesWrongUsageInOneLine) {
-    const std::string url = "udp://127.0.0.1:7400";
-    const std::vector<std::vector<std::string>> kWrong = {
-        {},
-        {url},
-        {url, "reboot"},
-        {"udp://127.0.0.1:0", "ping"},
-        {"tcp://127.0.0.1:7400", "ping"},
-        {url, "ping", "--retry", "-1"},
-        {url, "ping", "--timeout", "0"},
-        {url, "ping", "--interval", "5"},
-        {url, "ping", "--count", "many"},
-        {url, "ping", "--hex", "0"},
-        {url, "ping", "--hex", "0g"},
-        {url, "ping", "--hex", "00", "--data", "x"},
-        {url, "ping", "--data", std::string(dmond::kMaxBodyLen + 1, 'x')},
-        {"--listen", "udp://127.0.0.1:0"},
-        {"--listen", "udp://127.0.0.1:0", "--echo", "--json"},
-    };
-    for (const auto& words : kWrong) {
-        const Outcome outcome = dmcat(words);
-        EXPECT_EQ(outcome.status, 2) << testing::PrintToString(words);
-        EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1) << outcome.err;
-        EXPECT_EQ(outcome.out, "");
-    }
-}
-
 } // namespace

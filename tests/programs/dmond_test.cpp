@@ -168,17 +168,4 @@ TEST_F(Dmond, OutlivesAFloodOfWrongDatagrams) {
     end();
 }
 
-TEST_F(Dmond, TellsWhyItDoesNotStart) {
-    const Outcome taken = run({DMOND, "--udp", url.substr(url.rfind('/') + 1)});
-    EXPECT_EQ(taken.status, 3);
-    EXPECT_NE(taken.err.find("dmond: cannot open " + url + ": Address already in use\n"),
-              std::string::npos)
-        << taken.err;
-    for (const std::string address : {"", "7400", "127.0.0.1", "127.0.0.1:65536", "::1:7400"}) {
-        const Outcome wrong = run({DMOND, "--udp", address});
-        EXPECT_EQ(wrong.status, 2) << address;
-        EXPECT_EQ(std::count(wrong.err.begin(), wrong.err.end(), '\n'), 1) << wrong.err;
-    }
-}
-
 } // namespace
