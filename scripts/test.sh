@@ -7,11 +7,12 @@ cd "$(dirname "$0")/.."
 
 preset=${1:-release}
 install_packages "${packages_build[@]}"
-build "$preset" ${DM_CMAKE_OPTIONS:-}
+# Said aloud, for the demonstration may have configured the same directory without them.
+build "$preset" -DDM_BUILD_TESTS=ON -DDM_BUILD_BENCH=ON ${DM_CMAKE_OPTIONS:-}
 
 # The thread sanitizer cannot place its shadow on kernels that randomise addresses widely.
 run=()
 if [ "$preset" = tsan ] && setarch "$(uname -m)" -R true 2>/dev/null; then
     run=(setarch "$(uname -m)" -R)
 fi
-"${run[@]}" ctest --preset "$preset" -j "$(nproc)"
+"${run[@]}" ctest --preset "$preset" --no-tests=error -j "$(nproc)"
