@@ -1,0 +1,395 @@
+#include "ipmi_sm_low.h"
+
+#include "base/log.h"
+#include "base/memory.h"
+#include "ipmi_v_sm.h"
+#include "vos/live_threads.h"
+#include "vos/timeout_rule.h"
+
+#include <time.h>
+
+#include <cerrno>
+
+namespace {
+
+constexpr std::size_t kNameChars = sizeof(THREAD_TIMED_MUTEX_ST::name) - 1;
+
+// Holds a record's mutex for a scope, also when the thread is cancelled in it.
+class RecordLock {
+public:
+    explicit RecordLock(THREAD_TIMED_MUTEX_ST* m) : m_(m) { pthread_mutex_lock(&m_->mutex); }
+    RecordLock(const RecordLock&) = delete;
+    RecordLock& operator=(const RecordLock&) = delete;
+    ~RecordLock() { pthread_mutex_unlock(&m_->mutex); }
+
+private:
+    THREAD_TIMED_MUTEX_ST* m_;
+};
+
+uint32_t __code(int status) {
+    return static_cast<uint32_t>(status);
+}
+
+bool __is_owned_by(const THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
+    return m->owner != 0 && pthread_equal(m->owner, self) != 0;
+}
+
+void __take(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
+    m->owner = self;
+    m->locked = 1;
+}
+
+// ---- waiting, with the mutex held; out of line, to keep the way to a free lock short ----
+
+void __begin_wait(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
+    // The list is for inspection: a thread that cannot be listed waits all the same.
+    thread_timed_mutex_list_add(m, self);
+    ++m->wait_num;
+}
+
+// Not reached by a thread that is cancelled: its traces stay.
+void __end_wait(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
+    thread_timed_mutex_list_del(m, self);
+    --m->wait_num;
+}
+
+// Gives the result of pthread_cond_timedwait().
+int __wait_for(THREAD_TIMED_MUTEX_ST* m, uint32_t ms) {
+    timespec deadline{};
+    get_abs_time(&deadline, ms);
+    return pthread_cond_timedwait(&m->cond, &m->mutex, &deadline);
+}
+
+int64_t __monotonic_ms() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+uint32_t __wait_until_handed_over(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms) {
+    if (timeout_ms == 0) {
+        pthread_cond_wait(&m->cond, &m->mutex);
+        return 0;
+    }
+    const int64_t start = __monotonic_ms();
+    uint32_t remaining = timeout_ms;
+    do {
+        const int status = __wait_for(m, remaining);
+        if (status == 0)
+            return 0;
+        if (status != ETIMEDOUT)
+            return THREAD_TIMED_FAILED;
+        remaining = dm::remaining_ms(timeout_ms, __monotonic_ms() - start);
+    } while (remaining != 0);
+    return THREAD_TIMED_TIMEOUT;
+}
+
+[[gnu::noinline]] uint32_t __wait_for_unit(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms,
+                                           pthread_t self) {
+    if (timeout_ms == 0 && __is_owned_by(m, self)) {
+        DM_LOG_ERROR("\r\nERROR: thread %u DEAD LOCK by %s.", static_cast<unsigned>(self), m->name);
+        return THREAD_TIMED_FAILED;
+    }
+    --m->count; // reserves a unit, and gives it back when it does not come
+    __begin_wait(m, self);
+    const uint32_t code = __wait_until_handed_over(m, timeout_ms);
+    if (code != 0)
+        ++m->count;
+    __end_wait(m, self);
+    return code;
+}
+
+[[gnu::noinline]] uint32_t __wait_for_mutex(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms,
+                                            pthread_t self) {
+    __begin_wait(m, self);
+    const int status =
+        timeout_ms != 0 ? __wait_for(m, timeout_ms) : pthread_cond_wait(&m->cond, &m->mutex);
+    __end_wait(m, self);
+    if (status == 0)
+        return 0;
+    return status == ETIMEDOUT ? THREAD_TIMED_TIMEOUT : THREAD_TIMED_FAILED;
+}
+
+// ---- the types of lock: local functions, which the dispatch below calls without detours ----
+
+// A unit that is free is left to those who wait already: a newcomer queues behind them. Whoever
+// unlocks hands the unit to a waiter, which has reserved it and so does not count it again.
+uint32_t __lock_semaphore(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms, pthread_t self) {
+    const RecordLock lock(m);
+    if (m->count > 0 && m->wait_num <= 0)
+        --m->count;
+    else if (const uint32_t code = __wait_for_unit(m, timeout_ms, self); code != 0)
+        return code;
+    __take(m, self);
+    return 0;
+}
+
+uint32_t __lock_mutex(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms, pthread_t self) {
+    const RecordLock lock(m);
+    if (__is_owned_by(m, self)) {
+        m->count = 0;
+        ++m->nest_num;
+    } else if (m->count >= 1) {
+        --m->count;
+    } else if (const uint32_t code = __wait_for_mutex(m, timeout_ms, self); code != 0) {
+        return code;
+    }
+    __take(m, self);
+    dm::record_this_thread();
+    return 0;
+}
+
+uint32_t __unlock_semaphore(THREAD_TIMED_MUTEX_ST* m) {
+    bool has_waiters = false;
+    {
+        const RecordLock lock(m);
+        if (m->count < m->max_count)
+            ++m->count;
+        m->locked = 0;
+        m->owner = 0;
+        has_waiters = m->wait_num >= 1;
+    }
+    if (has_waiters)
+        pthread_cond_signal(&m->cond);
+    return 0;
+}
+
+uint32_t __unlock_mutex(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
+    bool has_waiters = false;
+    {
+        const RecordLock lock(m);
+        if (m->nest_num == 0) {
+            m->locked = 0;
+            m->owner = 0;
+            // A waiter gets the mutex with the unit that was taken: the count stays.
+            has_waiters = m->wait_num != 0;
+            if (!has_waiters && m->count < m->max_count)
+                ++m->count;
+        } else if (pthread_equal(m->owner, self) != 0) {
+            --m->nest_num;
+        } else if (dm::has_ended(m->owner)) {
+            m->nest_num = 0;
+        }
+    }
+    if (has_waiters)
+        pthread_cond_signal(&m->cond);
+    return 0;
+}
+
+uint32_t __trylock_semaphore(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
+    const RecordLock lock(m);
+    if (m->count < 1 || m->wait_num >= 1)
+        return THREAD_TIMED_FAILED;
+    --m->count;
+    __take(m, self);
+    return 0;
+}
+
+uint32_t __trylock_mutex(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
+    const RecordLock lock(m);
+    if (__is_owned_by(m, self)) {
+        m->count = 0;
+        return 0;
+    }
+    if (m->count < 1)
+        return THREAD_TIMED_FAILED;
+    --m->count;
+    __take(m, self);
+    dm::record_this_thread();
+    return 0;
+}
+
+uint32_t __lock_rwlock(THREAD_TIMED_MUTEX_ST* m, bool read) {
+    const int status = read ? pthread_rwlock_rdlock(&m->rwlock) : pthread_rwlock_wrlock(&m->rwlock);
+    return status == 0 ? 0 : THREAD_TIMED_FAILED;
+}
+
+uint32_t __trylock_rwlock(THREAD_TIMED_MUTEX_ST* m, bool read) {
+    const int status =
+        read ? pthread_rwlock_tryrdlock(&m->rwlock) : pthread_rwlock_trywrlock(&m->rwlock);
+    return status == 0 ? 0 : THREAD_TIMED_FAILED;
+}
+
+uint32_t __unlock_rwlock(THREAD_TIMED_MUTEX_ST* m) {
+    return pthread_rwlock_unlock(&m->rwlock) == 0 ? 0 : THREAD_TIMED_UNLOCK_FAILED;
+}
+
+} // namespace
+
+THREAD_TIMED_MUTEX_ST* thread_timed_malloc_id(void) {
+    auto m = dm::allocate<THREAD_TIMED_MUTEX_ST>();
+    if (!m) {
+        DM_LOG_ERROR("psm malloc fail!\n");
+        return nullptr;
+    }
+    if (const int status = dm::zero(m.get()); status != 0) {
+        DM_LOG_ERROR("memset_s fail: %d\n", status);
+        return nullptr;
+    }
+    return m.release();
+}
+
+uint32_t thread_timed_mutex_init(const char* name, THREAD_TIMED_MUTEX_ST* m, int32_t type,
+                                 int32_t initial_count) {
+    if (m == nullptr)
+        return THREAD_TIMED_NULL;
+    if (const int status = memset_s(m->name, sizeof(m->name), 0, sizeof(m->name)); status != 0) {
+        DM_LOG_ERROR("memset_s error\n");
+        return __code(status);
+    }
+    if (const int status = strncpy_s(m->name, sizeof(m->name), name, kNameChars); status != 0) {
+        DM_LOG_ERROR("strncpy_s error\n");
+        return __code(status);
+    }
+    m->locked = 0;
+    m->count = initial_count;
+    m->max_count = type == THREAD_TIMED_COUNTING ? initial_count : 1;
+    m->type = type;
+    m->owner = 0;
+    m->pwater_list = nullptr;
+    m->pwater_list_tail = nullptr;
+    m->wait_num = 0;
+    m->nest_num = 0;
+    switch (type) {
+    case THREAD_TIMED_BINARY:
+    case THREAD_TIMED_COUNTING:
+    case THREAD_TIMED_MUTEX:
+        if (const int status = pthread_mutex_init(&m->mutex, nullptr); status != 0)
+            return __code(status);
+        return __code(pthread_cond_init(&m->cond, nullptr));
+    case THREAD_TIMED_RWLOCK:
+        return __code(pthread_rwlock_init(&m->rwlock, nullptr));
+    default:
+        return THREAD_TIMED_BAD_TYPE;
+    }
+}
+
+uint32_t thread_timed_mutex_lock(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms) {
+    if (m == nullptr)
+        return THREAD_TIMED_NULL;
+    switch (m->type) {
+    case THREAD_TIMED_BINARY:
+    case THREAD_TIMED_COUNTING:
+        return __lock_semaphore(m, timeout_ms, pthread_self());
+    case THREAD_TIMED_MUTEX:
+        return __lock_mutex(m, timeout_ms, pthread_self());
+    case THREAD_TIMED_RWLOCK:
+        return __lock_rwlock(m, timeout_ms != 0);
+    default:
+        return THREAD_TIMED_BAD_TYPE;
+    }
+}
+
+uint32_t thread_timed_mutex_trylock(THREAD_TIMED_MUTEX_ST* m, int32_t read) {
+    if (!DM_CHECK(m != nullptr, "(m != ((void *)0))"))
+        return THREAD_TIMED_NULL;
+    switch (m->type) {
+    case THREAD_TIMED_BINARY:
+    case THREAD_TIMED_COUNTING:
+        return __trylock_semaphore(m, pthread_self());
+    case THREAD_TIMED_MUTEX:
+        return __trylock_mutex(m, pthread_self());
+    case THREAD_TIMED_RWLOCK:
+        return __trylock_rwlock(m, read != 0);
+    default:
+        return THREAD_TIMED_BAD_TYPE;
+    }
+}
+
+uint32_t thread_timed_mutex_unlock(THREAD_TIMED_MUTEX_ST* m) {
+    if (m == nullptr)
+        return THREAD_TIMED_NULL;
+    switch (m->type) {
+    case THREAD_TIMED_BINARY:
+    case THREAD_TIMED_COUNTING:
+        return __unlock_semaphore(m);
+    case THREAD_TIMED_MUTEX:
+        return __unlock_mutex(m, pthread_self());
+    case THREAD_TIMED_RWLOCK:
+        return __unlock_rwlock(m);
+    default:
+        return THREAD_TIMED_BAD_TYPE;
+    }
+}
+
+uint32_t thread_timed_mutex_destroy(THREAD_TIMED_MUTEX_ST* m) {
+    if (m == nullptr)
+        return THREAD_TIMED_NULL;
+    switch (m->type) {
+    case THREAD_TIMED_BINARY:
+    case THREAD_TIMED_COUNTING:
+    case THREAD_TIMED_MUTEX:
+        pthread_mutex_destroy(&m->mutex);
+        pthread_cond_destroy(&m->cond);
+        break;
+    case THREAD_TIMED_RWLOCK:
+        pthread_rwlock_destroy(&m->rwlock);
+        break;
+    default:
+        break;
+    }
+    return 0;
+}
+
+int32_t thread_timed_mutex_list_add(THREAD_TIMED_MUTEX_ST* m, uint64_t tid) {
+    if (m == nullptr)
+        return 1;
+    const bool is_first = m->pwater_list == nullptr;
+    auto node = dm::allocate<THREAD_WAITER_NODE_ST>();
+    if (!node) {
+        if (!is_first)
+            DM_LOG_ERROR("malloc m->pwater_list_tail->next fail!\n");
+        return 1;
+    }
+    if (const int status = dm::zero(node.get()); status != 0) {
+        DM_LOG_ERROR("memset_s fail: %d\n", status);
+        return status;
+    }
+    node->tid = tid;
+    if (is_first) {
+        m->pwater_list = node.get();
+    } else {
+        if (m->pwater_list_tail == nullptr)
+            m->pwater_list_tail = m->pwater_list;
+        m->pwater_list_tail->next = node.get();
+    }
+    m->pwater_list_tail = node.release();
+    return 0;
+}
+
+void thread_timed_mutex_list_del(THREAD_TIMED_MUTEX_ST* m, uint64_t tid) {
+    if (m == nullptr || m->pwater_list == nullptr)
+        return;
+    THREAD_WAITER_NODE_ST* before = m->pwater_list;
+    if (before->tid == tid) {
+        // The tail stays as it is: an empty list gets a new one with the next node.
+        m->pwater_list = before->next;
+        std::free(before);
+        return;
+    }
+    while (before->next != nullptr && before->next->tid != tid)
+        before = before->next;
+    const dm::Owned<THREAD_WAITER_NODE_ST> removed(before->next);
+    if (!removed)
+        return;
+    if (m->pwater_list_tail == removed.get())
+        m->pwater_list_tail = before;
+    before->next = removed->next;
+}
+
+uint32_t thead_timed_sem_bin_or_count_lock(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms,
+                                           pthread_t self) {
+    return __lock_semaphore(m, timeout_ms, self);
+}
+
+uint32_t thead_timed_sem_mutex_lock(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms, pthread_t self) {
+    return __lock_mutex(m, timeout_ms, self);
+}
+
+uint32_t thread_timed_sem_bin_or_count_unlock(THREAD_TIMED_MUTEX_ST* m) {
+    return __unlock_semaphore(m);
+}
+
+uint32_t thread_timed_sem_mutex_unlock(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
+    return __unlock_mutex(m, self);
+}

@@ -1,0 +1,293 @@
+#include "ipmi_sm_low.h"
+#include "ipmi_v_sm.h"
+
+#include "support/platform_hooks.h"
+#include "support/threads.h"
+#include "vos/timeout_rule.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <climits>
+#include <vector>
+
+// Whether a waiter node is lost is for the address sanitizer to say.
+namespace {
+
+using namespace std::chrono_literals;
+using support::Call;
+using support::Fault;
+using Tids = std::vector<uint64_t>;
+
+constexpr uint32_t kLong = 600000; // even on a clock that was set back often
+
+// Lets the next error line through. The wall clock goes back for it: waits run on that clock, and
+// would last longer if it went ahead.
+void expect_next_line() {
+    support::move_wall_clock(-4000);
+}
+
+// A lock, with looks at its fields while threads use it.
+class Lock {
+public:
+    Lock(int32_t type, int32_t count, const char* name = "lock") {
+        EXPECT_EQ(thread_timed_mutex_init(name, &m_, type, count), 0U);
+    }
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+    ~Lock() {
+        while (m_.pwater_list != nullptr)
+            thread_timed_mutex_list_del(&m_, m_.pwater_list->tid);
+        EXPECT_EQ(thread_timed_mutex_destroy(&m_), 0U);
+    }
+
+    uint32_t lock(uint32_t timeout_ms = 0) { return thread_timed_mutex_lock(&m_, timeout_ms); }
+    uint32_t trylock(int32_t read = 0) { return thread_timed_mutex_trylock(&m_, read); }
+    uint32_t unlock() { return thread_timed_mutex_unlock(&m_); }
+
+    template<class T>
+    T get(T THREAD_TIMED_MUTEX_ST::*field) {
+        pthread_mutex_lock(&m_.mutex);
+        const T value = m_.*field;
+        pthread_mutex_unlock(&m_.mutex);
+        return value;
+    }
+    int32_t count() { return get(&THREAD_TIMED_MUTEX_ST::count); }
+    uint32_t nest_num() { return get(&THREAD_TIMED_MUTEX_ST::nest_num); }
+    bool is_awaited() {
+        return support::eventually([this] { return get(&THREAD_TIMED_MUTEX_ST::wait_num) == 1; });
+    }
+    Tids waiters() const {
+        Tids tids;
+        for (const auto* node = m_.pwater_list; node != nullptr; node = node->next)
+            tids.push_back(node->tid);
+        return tids;
+    }
+    THREAD_TIMED_MUTEX_ST& record() { return m_; }
+
+private:
+    THREAD_TIMED_MUTEX_ST m_{};
+};
+
+class TimedLock : public testing::Test {
+protected:
+    void SetUp() override {
+        expect_next_line();
+        support::clear_log();
+    }
+};
+
+TEST(TimeoutRule, ALongWaitIsOverAfterFourFifths) {
+    EXPECT_EQ(dm::remaining_ms(1000, 999), 1U);
+    EXPECT_EQ(dm::remaining_ms(1000, 1000), 0U);
+    EXPECT_EQ(dm::remaining_ms(1500, 1199), 301U);
+    EXPECT_EQ(dm::remaining_ms(1500, 1200), 0U);
+    EXPECT_EQ(dm::remaining_ms(UINT_MAX, 3435973835), UINT_MAX - 3435973835);
+    EXPECT_EQ(dm::remaining_ms(UINT_MAX, 3435973836), 0U);
+}
+
+TEST_F(TimedLock, ARecordIsInitialisedByItsType) {
+    THREAD_TIMED_MUTEX_ST m{};
+    EXPECT_EQ(thread_timed_mutex_init("watcher", &m, 7, 3), THREAD_TIMED_BAD_TYPE);
+    EXPECT_STREQ(m.name, "watc");
+    EXPECT_EQ(m.count, 3);
+    EXPECT_EQ(m.max_count, 1);
+    EXPECT_EQ(thread_timed_mutex_unlock(&m), THREAD_TIMED_BAD_TYPE);
+    EXPECT_EQ(thread_timed_mutex_trylock(nullptr, 0), THREAD_TIMED_NULL);
+    EXPECT_EQ(support::logged('W', "] Drv_check:(m != ((void *)0))\n"), 1);
+    Lock lock(THREAD_TIMED_RWLOCK, 1);
+    EXPECT_EQ(lock.lock(5), 0U); // to read
+    EXPECT_EQ(lock.trylock(1), 0U);
+    EXPECT_EQ(lock.trylock(0), THREAD_TIMED_FAILED);
+    EXPECT_EQ(lock.unlock(), 0U);
+    EXPECT_EQ(lock.unlock(), 0U);
+    EXPECT_EQ(lock.lock(0), 0U); // to write
+    EXPECT_EQ(lock.trylock(1), THREAD_TIMED_FAILED);
+    EXPECT_EQ(lock.unlock(), 0U);
+}
+
+TEST_F(TimedLock, ABinarySemaphoreReportsADeadLock) {
+    Lock sem(THREAD_TIMED_BINARY, 1, "sensors");
+    EXPECT_EQ(sem.lock(), 0U);
+    EXPECT_EQ(sem.trylock(), THREAD_TIMED_FAILED);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(sem.lock(), THREAD_TIMED_FAILED);
+    const auto self = std::to_string(static_cast<unsigned>(pthread_self()));
+    EXPECT_EQ(support::logged('E', "] \r\nERROR: thread " + self + " DEAD LOCK by sens."), 1);
+    for (const Call call : {Call::malloc, Call::memset_s}) { // a wait that is not listed
+        const Fault fault(call, 1);
+        EXPECT_EQ(sem.lock(20), THREAD_TIMED_TIMEOUT);
+        EXPECT_TRUE(fault.fired());
+    }
+    EXPECT_EQ(sem.count(), 0);
+
+    // Anybody may unlock, and as often as he likes: there is one unit at most.
+    std::thread([&] { EXPECT_EQ(sem.unlock(), 0U); }).join();
+    EXPECT_EQ(sem.unlock(), 0U);
+    EXPECT_EQ(sem.lock(), 0U);
+    EXPECT_EQ(sem.lock(1), THREAD_TIMED_TIMEOUT);
+    EXPECT_EQ(sem.waiters(), Tids());
+}
+
+TEST_F(TimedLock, AUnitIsHandedToAWaiter) {
+    Lock sem(THREAD_TIMED_COUNTING, 3);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(sem.lock(), 0U);
+    std::thread waiter([&] { EXPECT_EQ(sem.lock(kLong), 0U); });
+    EXPECT_TRUE(sem.is_awaited());
+    EXPECT_EQ(sem.count(), -1);
+    EXPECT_EQ(sem.unlock(), 0U);
+    waiter.join();
+    EXPECT_EQ(sem.count(), 0);
+    EXPECT_EQ(sem.unlock(), 0U);
+
+    // A free unit is not for a newcomer while others wait.
+    sem.record().wait_num = 1;
+    EXPECT_EQ(sem.trylock(), THREAD_TIMED_FAILED);
+    EXPECT_EQ(sem.lock(1), THREAD_TIMED_TIMEOUT);
+    sem.record().wait_num = 0;
+    EXPECT_EQ(sem.trylock(), 0U);
+}
+
+// The deadline is long over; only the monotonic clock keeps the wait going.
+TEST_F(TimedLock, AWallClockThatIsSetEndsNoWait) {
+    Lock sem(THREAD_TIMED_BINARY, 0);
+    support::move_wall_clock(-60000);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(sem.lock(1010), THREAD_TIMED_TIMEOUT);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 807ms);
+    support::move_wall_clock(60000);
+}
+
+TEST_F(TimedLock, AMutexCountsItsOwnersLocks) {
+    Lock mutex(THREAD_TIMED_MUTEX, 1);
+    EXPECT_EQ(mutex.lock(), 0U);
+    EXPECT_EQ(mutex.lock(5), 0U);
+    EXPECT_EQ(mutex.trylock(), 0U);
+    std::thread([&] {
+        EXPECT_EQ(mutex.trylock(), THREAD_TIMED_FAILED);
+        EXPECT_EQ(mutex.lock(5), THREAD_TIMED_TIMEOUT);
+        EXPECT_EQ(mutex.unlock(), 0U); // the owner lives: nothing happens
+    }).join();
+    EXPECT_EQ(mutex.nest_num(), 1U);
+    EXPECT_EQ(mutex.unlock(), 0U);
+    EXPECT_EQ(mutex.get(&THREAD_TIMED_MUTEX_ST::locked), 1U);
+
+    std::thread waiter([&] {
+        EXPECT_EQ(mutex.lock(), 0U);
+        EXPECT_EQ(mutex.count(), 0);
+        EXPECT_EQ(mutex.unlock(), 0U);
+    });
+    EXPECT_TRUE(mutex.is_awaited());
+    EXPECT_EQ(mutex.unlock(), 0U);
+    waiter.join();
+    EXPECT_EQ(mutex.unlock(), 0U); // one too many
+    EXPECT_EQ(mutex.count(), 1);
+    EXPECT_EQ(mutex.trylock(), 0U);
+}
+
+TEST_F(TimedLock, AMutexOfAnEndedOwnerIsRecovered) {
+    for (const bool detach : {false, true}) {
+        Lock mutex(THREAD_TIMED_MUTEX, 1);
+        std::thread owner([&] {
+            mutex.trylock();
+            mutex.lock();
+            mutex.lock();
+        });
+        detach ? owner.detach() : owner.join();
+        EXPECT_TRUE(support::eventually([&] { return mutex.nest_num() == 2; }));
+        EXPECT_TRUE(
+            support::eventually([&] { return mutex.unlock() == 0 && mutex.nest_num() == 0; }));
+        EXPECT_EQ(mutex.trylock(), THREAD_TIMED_FAILED); // still the ended owner's
+        EXPECT_EQ(mutex.unlock(), 0U);
+        EXPECT_EQ(mutex.trylock(), 0U);
+    }
+}
+
+TEST_F(TimedLock, ACancelledWaiterLeavesTheMutexUnlocked) {
+    for (const int32_t type : {THREAD_TIMED_BINARY, THREAD_TIMED_MUTEX}) {
+        for (const uint32_t timeout_ms : {0U, kLong}) {
+            Lock lock(type, 1);
+            EXPECT_EQ(lock.lock(), 0U);
+            std::thread waiter([&] { lock.lock(timeout_ms); });
+            const uint64_t tid = waiter.native_handle();
+            EXPECT_TRUE(lock.is_awaited());
+            pthread_cancel(tid);
+            waiter.join();
+            ASSERT_EQ(pthread_mutex_trylock(&lock.record().mutex), 0);
+            pthread_mutex_unlock(&lock.record().mutex);
+            EXPECT_EQ(lock.record().wait_num, 1);
+            EXPECT_EQ(lock.waiters(), Tids{tid});
+            EXPECT_EQ(lock.count(), type == THREAD_TIMED_BINARY ? -1 : 0);
+        }
+    }
+}
+
+TEST_F(TimedLock, TheWaiterListKeepsItsOrder) {
+    Lock lock(THREAD_TIMED_BINARY, 1);
+    THREAD_TIMED_MUTEX_ST* m = &lock.record();
+    for (const uint64_t tid : {1U, 2U, 1U, 3U})
+        EXPECT_EQ(thread_timed_mutex_list_add(m, tid), 0);
+    for (const uint64_t tid : {1U, 3U, 4U})
+        thread_timed_mutex_list_del(m, tid);
+    EXPECT_EQ(thread_timed_mutex_list_add(m, 5), 0);
+    EXPECT_EQ(lock.waiters(), Tids({2, 1, 5}));
+    for (const uint64_t tid : {5U, 2U, 1U})
+        thread_timed_mutex_list_del(m, tid);
+    EXPECT_EQ(thread_timed_mutex_list_add(m, 6), 0);
+    m->pwater_list_tail = nullptr;
+    for (const auto& [call, code] : {std::pair{Call::malloc, 1}, {Call::memset_s, 77}}) {
+        expect_next_line();
+        const Fault fault(call, 1);
+        EXPECT_EQ(thread_timed_mutex_list_add(m, 7), code);
+    }
+    EXPECT_EQ(support::logged('E', "] malloc m->pwater_list_tail->next fail!\n"), 1);
+    EXPECT_EQ(support::logged('E', "] memset_s fail: 77\n"), 1);
+    EXPECT_EQ(thread_timed_mutex_list_add(m, 8), 0);
+    EXPECT_EQ(lock.waiters(), Tids({6, 8}));
+}
+
+// Never two owners, and each thread gets its turns.
+TEST_F(TimedLock, OneOwnerAtATimeUnderContention) {
+    constexpr int threads = 8;
+    const int turns = support::rounds(100000) / threads;
+    for (const int32_t type : {THREAD_TIMED_BINARY, THREAD_TIMED_MUTEX}) {
+        Lock lock(type, 1);
+        int inside = 0; // a race here is one of the lock
+        int taken = 0;
+        const auto take_turns = [&] {
+            for (int turn = 0; turn < turns; ++turn) {
+                EXPECT_EQ(lock.lock(), 0U);
+                EXPECT_EQ(++inside, 1);
+                ++taken;
+                --inside;
+                EXPECT_EQ(lock.unlock(), 0U);
+            }
+        };
+        std::vector<std::jthread> running(threads);
+        for (std::jthread& thread : running)
+            thread = std::jthread(take_turns);
+        running.clear();
+        EXPECT_EQ(taken, threads * turns);
+        EXPECT_EQ(lock.count(), 1);
+        EXPECT_EQ(lock.waiters(), Tids());
+    }
+}
+
+TEST_F(TimedLock, ABinarySemaphoreMayBeginWithMoreUnits) {
+    THREAD_TIMED_MUTEX_ST* sm = nullptr;
+    EXPECT_EQ(vos_sm_bcreate("sm", 5, 0, &sm), 0U);
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(vos_sm_p(sm, 0), 0U);
+    EXPECT_EQ(vos_sm_p(sm, 5), THREAD_TIMED_TIMEOUT);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(vos_sm_v(sm), 0U);
+    EXPECT_EQ(vos_sm_p(sm, 0), 0U);
+    EXPECT_EQ(vos_sm_p(sm, 5), THREAD_TIMED_TIMEOUT);
+    EXPECT_EQ(vos_sm_delete(sm), 0U);
+    const Fault not_copied(Call::strncpy_s, 1);
+    EXPECT_EQ(vos_sm_bcreate("sm", 1, 0, &sm), 77U);
+    EXPECT_EQ(vos_sm_delete(sm), 0U); // the caller's, although it is not initialised
+}
+
+} // namespace

@@ -1,0 +1,327 @@
+#include "ipmi_v_task.h"
+
+#include "ipmi_osal_task.h"
+#include "support/platform_hooks.h"
+#include "support/threads.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/prctl.h>
+
+#include <array>
+#include <atomic>
+#include <bit>
+#include <vector>
+
+extern "C" {
+void* __libc_calloc(size_t count, size_t size);
+// The sanitizers' own, where one is linked.
+void* __interceptor_calloc(size_t count, size_t size) __attribute__((weak));
+}
+
+// Whether memory is lost is for the address sanitizer to say.
+namespace {
+
+using support::Call;
+using support::entries_of;
+using support::Event;
+using support::Fault;
+using support::only_these_threads;
+using Args = std::array<uint64_t, 4>;
+
+// Which calloc() of this thread fails: 1 is the next one, 0 none.
+thread_local constinit int failing_calloc = 0;
+
+uint64_t load(uint64_t& field) {
+    return std::atomic_ref(field).load();
+}
+
+uint64_t as_arg(auto* pointer) {
+    return std::bit_cast<uint64_t>(pointer);
+}
+
+struct Created {
+    uint32_t code = 0;
+    uint32_t task_no = 7;
+    bool operator==(const Created&) const = default;
+};
+
+Created create(VOS_TASK_ENTRY entry, const Args& args = {}, const char* name = "task",
+               uint64_t priority = 100, uint64_t stack_size = 65536, const char* desc = nullptr) {
+    Created created;
+    created.code = vos_create_task_ex(name, desc, &created.task_no, entry, priority, stack_size,
+                                      args.data(), 0);
+    return created;
+}
+
+void end_at_once(uint64_t, uint64_t, uint64_t, uint64_t) {}
+
+void sleep_for_ever(uint64_t began, uint64_t, uint64_t, uint64_t) {
+    if (began != 0)
+        std::bit_cast<Event*>(began)->set();
+    for (;;)
+        vos_task_delay(1000);
+}
+
+// What a task sees before it is let go.
+struct Seen {
+    Event looked;
+    Args args;
+    uint64_t tid, sys_tid;
+    char name[16];
+    uint32_t task_no;
+    std::atomic<int> gate = 0;
+
+    // Lets the task go, and waits until its number is free.
+    bool let_go() {
+        const bool is_there = looked.wait();
+        gate = 1;
+        gate.notify_all();
+        return is_there &&
+               support::eventually([this] { return vos_check_task_idvalid(task_no) == 0; });
+    }
+};
+
+void look(uint64_t arg, uint64_t arg1, uint64_t arg2, uint64_t arg3) {
+    auto* seen = std::bit_cast<Seen*>(arg);
+    seen->args = {arg, arg1, arg2, arg3};
+    seen->task_no = vos_get_current_task_id();
+    seen->tid = osal_get_self_id();
+    seen->sys_tid = vos_get_sys_task_id(0);
+    prctl(PR_GET_NAME, seen->name);
+    seen->looked.set();
+    seen->gate.wait(0);
+}
+
+class VosTask : public testing::Test {
+protected:
+    void SetUp() override {
+        support::skip_log_interval();
+        support::clear_log();
+        ASSERT_EQ(task_task_info_init(), 0U);
+        ASSERT_TRUE(only_these_threads(0));
+    }
+    // No task, no thread and no descriptor stays behind.
+    void TearDown() override {
+        EXPECT_TRUE(only_these_threads(0));
+        EXPECT_EQ(load(m_task_dyn_info[0]), 0U);
+        for (uint32_t task_no = 0; task_no <= VOS_TASK_MAX; ++task_no) {
+            const VOS_TASK_CB_ST& block = g_p_task_cb[task_no];
+            EXPECT_EQ(vos_check_task_idvalid(task_no), 0U);
+            EXPECT_EQ(block.tid & block.tid_copy & block.pid, VOS_TASK_NONE) << task_no;
+        }
+        EXPECT_EQ(entries_of("/proc/self/fd"), descriptors_);
+    }
+
+    const std::ptrdiff_t descriptors_ = entries_of("/proc/self/fd");
+};
+
+// The first test of this program: there is no way back from a table.
+TEST(VosTaskTable, ThereAreNoTasksBeforeItIsMade) {
+    for (int nth = 0; nth <= 3; ++nth) {
+        failing_calloc = nth;
+        EXPECT_EQ(nth > 0 ? task_task_info_init() : VOS_TASK_NO_MEMORY, VOS_TASK_NO_MEMORY);
+        EXPECT_EQ(g_p_task_cb, nullptr);
+        EXPECT_EQ(create(end_at_once), (Created{VOS_TASK_NO_BLOCK, VOS_TASK_NONE}));
+        EXPECT_EQ(vos_get_current_pid(), VOS_TASK_NONE);
+        EXPECT_EQ(vos_get_sys_task_id(1), VOS_TASK_NONE);
+        EXPECT_EQ(vos_check_task_idvalid(1), 0U);
+        EXPECT_EQ(vos_delete_task(1), VOS_TASK_BAD_NUMBER);
+        init_task_cb();
+    }
+    EXPECT_EQ(task_task_info_init(), 0U);
+    EXPECT_EQ(m_pul_task_prio_que[VOS_TASK_MAX - 1], VOS_TASK_NONE);
+    EXPECT_EQ(m_p_tid2vid[VOS_TASK_MAX - 1][1], VOS_TASK_NONE);
+
+    Seen seen;
+    EXPECT_EQ(create(look, {as_arg(&seen)}).task_no, 1U);
+    const VOS_TASK_CB_ST* table = g_p_task_cb;
+    EXPECT_EQ(task_task_info_init(), 0U);
+    EXPECT_EQ(g_p_task_cb, table);
+    EXPECT_EQ(m_task_dyn_info[0], 1U);
+    EXPECT_TRUE(seen.let_go());
+}
+
+TEST_F(VosTask, ABlockDescribesItsTask) {
+    const uint64_t next_pid = g_n_thread_count + static_cast<uint32_t>(osal_get_process_id());
+    const std::vector<char> name(29, 'n'); // without an end: nothing behind it is to be read
+    const std::string desc(60, 'd');
+    Seen seen;
+    const Args args{as_arg(&seen), 1, ~uint64_t{0}, 3};
+    ASSERT_EQ(create(look, args, name.data(), 255, 0, desc.c_str()), (Created{0, 1}));
+    ASSERT_TRUE(seen.looked.wait());
+    EXPECT_EQ(seen.task_no, 1U);
+    EXPECT_EQ(seen.args, args);
+    EXPECT_STREQ(seen.name, "nnnnnnnnnnnnnnn");
+    EXPECT_EQ(seen.sys_tid, seen.tid);
+    EXPECT_EQ(vos_get_sys_task_id(1), seen.tid);
+    EXPECT_EQ(vos_get_sys_task_id(0), VOS_TASK_NONE);
+
+    VOS_TASK_CB_ST& block = g_p_task_cb[1];
+    EXPECT_EQ(block.name, std::string(29, 'n'));
+    EXPECT_EQ(block.desc, std::string(50, 'd'));
+    EXPECT_EQ(load(block.tid_copy), seen.tid);
+    EXPECT_EQ(load(block.pid), next_pid);
+    EXPECT_EQ(block.prio_cur, 255U);
+    EXPECT_EQ(block.stack_size, 32768U);
+    EXPECT_TRUE(seen.let_go());
+    EXPECT_STREQ(block.name, "");
+    EXPECT_EQ(block.flags, 1U);
+    EXPECT_EQ(block.reserved_pair[1], 1U);
+}
+
+TEST_F(VosTask, AFailedCreationLeavesNothing) {
+    constexpr uint64_t too_large = uint64_t{1} << 48;
+    const uint64_t all = m_task_dyn_info[1];
+    const auto refused = [](uint32_t code) { return Created{code, VOS_TASK_NONE}; };
+    EXPECT_EQ(create(end_at_once, {}, nullptr), refused(VOS_TASK_NULL));
+    EXPECT_EQ(create(nullptr), refused(VOS_TASK_NULL));
+    EXPECT_EQ(create(end_at_once, {}, "task", 256), refused(VOS_TASK_NO_BLOCK));
+    EXPECT_EQ(create(end_at_once, {}, "task", 0, too_large), refused(VOS_TASK_NO_THREAD));
+    for (const int nth : {1, 2}) {
+        const Fault no_memory(Call::malloc, nth);
+        EXPECT_EQ(create(end_at_once), refused(VOS_TASK_NO_THREAD));
+    }
+    const Fault not_copied(Call::strncpy_s, 1);
+    EXPECT_EQ(create(end_at_once, {}, "task", 0, 0, "desc"), refused(1));
+    EXPECT_EQ(support::logged('E', "] strncpy_s error\n"), 1);
+    EXPECT_EQ(m_task_dyn_info[1], all);
+}
+
+TEST_F(VosTask, AllNumbersCanBeInUse) {
+    Seen seen[VOS_TASK_MAX];
+    for (uint32_t i = 0; i < VOS_TASK_MAX; ++i)
+        ASSERT_EQ(create(look, {as_arg(&seen[i])}), (Created{0, i + 1}));
+    EXPECT_TRUE(only_these_threads(VOS_TASK_MAX));
+    EXPECT_EQ(create(look), (Created{VOS_TASK_NO_BLOCK, VOS_TASK_NONE}));
+    for (Seen& one : seen)
+        EXPECT_TRUE(one.let_go());
+    EXPECT_EQ(create(end_at_once), (Created{0, 1}));
+}
+
+TEST_F(VosTask, TasksAreDeletedAndTheirNumbersUsedAgain) {
+    for (int i = 0; i < support::rounds(1000); ++i) {
+        Event began;
+        const bool runs = i % 2 == 0; // when it is deleted; otherwise it may not have begun
+        ASSERT_EQ(create(sleep_for_ever, {runs ? as_arg(&began) : 0}), (Created{0, 1}));
+        ASSERT_TRUE(!runs || began.wait());
+        ASSERT_EQ(vos_delete_task(1), 0U);
+        ASSERT_EQ(vos_delete_task(1), VOS_TASK_BAD_NUMBER);
+        ASSERT_TRUE(!runs || only_these_threads(0)); // `began` is in use up to then
+    }
+    for (const uint32_t task_no : {0U, VOS_TASK_MAX + 1, VOS_TASK_NONE})
+        EXPECT_EQ(vos_delete_task(task_no), VOS_TASK_BAD_NUMBER);
+}
+
+void check_own_name(uint64_t number, uint64_t wrong, uint64_t, uint64_t) {
+    char name[16];
+    prctl(PR_GET_NAME, name);
+    if (name != std::to_string(number))
+        ++*std::bit_cast<std::atomic<int>*>(wrong);
+}
+
+// Creations, ends and deletions race each other, while the numbers and the threads' identifiers are
+// used again. Most tasks end before their creator has come back, and many are deleted before they
+// begin. A thread runs its own task or none, and no other task is hit.
+TEST_F(VosTask, NoTaskIsTakenForAnother) {
+    constexpr uint32_t bystanders = 3;
+    const uint64_t all = m_task_dyn_info[1];
+    const auto rounds = static_cast<uint64_t>(support::rounds(3000));
+    Event began;
+    for (uint32_t i = 0; i < bystanders; ++i)
+        ASSERT_EQ(create(sleep_for_ever, {as_arg(&began)}).code, 0U);
+    ASSERT_TRUE(began.wait(bystanders));
+    std::atomic<int> wrong = 0;
+    std::atomic<uint32_t> newest = bystanders + 1;
+    std::atomic<int> creating = 2;
+    const auto create_all = [&](uint64_t first, bool deletes) {
+        for (uint64_t i = first; i < first + rounds; ++i) {
+            const Created created =
+                create(check_own_name, {i, as_arg(&wrong)}, std::to_string(i).c_str());
+            EXPECT_EQ(created.code, 0U);
+            newest = created.task_no;
+            if (deletes && i % 2 == 0)
+                vos_delete_task(created.task_no);
+        }
+        --creating;
+    };
+    std::thread creator(create_all, 0, false);
+    std::thread other_creator(create_all, rounds, true);
+    while (creating > 0)
+        vos_delete_task(newest);
+    creator.join();
+    other_creator.join();
+    EXPECT_TRUE(only_these_threads(bystanders));
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(m_task_dyn_info[1], all + bystanders + 2 * rounds);
+    EXPECT_EQ(m_task_dyn_info[0], bystanders);
+    for (uint32_t task_no = 1; task_no <= bystanders; ++task_no)
+        EXPECT_EQ(vos_delete_task(task_no), 0U);
+}
+
+TEST_F(VosTask, TasksWaitUntilTheyAreDispatched) {
+    Event began;
+    std::atomic_ref(dispatching).store(0);
+    for (uint32_t task_no = 1; task_no <= 2; ++task_no)
+        ASSERT_EQ(create(sleep_for_ever, {as_arg(&began)}), (Created{0, task_no}));
+    EXPECT_EQ(vos_delete_task(1), 0U);
+    EXPECT_TRUE(only_these_threads(1));
+    EXPECT_EQ(began.count(), 0);
+    EXPECT_EQ(task_task_info_init(), 0U);
+    EXPECT_TRUE(began.wait());
+    EXPECT_EQ(vos_delete_task(2), 0U);
+}
+
+TEST_F(VosTask, ATaskMayDeleteItself) {
+    std::atomic<uint32_t> code = VOS_TASK_NONE;
+    const VOS_TASK_ENTRY entry = [](uint64_t arg, uint64_t, uint64_t, uint64_t) {
+        auto& result = *std::bit_cast<std::atomic<uint32_t>*>(arg);
+        result = vos_delete_task(vos_get_current_task_id());
+        vos_task_delay(1000);
+        result = 1; // not reached
+    };
+    EXPECT_EQ(create(entry, {as_arg(&code)}).code, 0U);
+    EXPECT_TRUE(only_these_threads(0));
+    EXPECT_EQ(code, 0U);
+}
+
+TEST_F(VosTask, AThreadThatEndsByOtherMeansKeepsItsNumber) {
+    Event began;
+    ASSERT_EQ(create(sleep_for_ever, {as_arg(&began)}), (Created{0, 1}));
+    ASSERT_TRUE(began.wait());
+    EXPECT_EQ(osal_delete_task(vos_get_sys_task_id(1)), 0U);
+    EXPECT_TRUE(only_these_threads(0));
+    Seen seen; // by a task with another number and most likely the same identifier
+    ASSERT_EQ(create(look, {as_arg(&seen)}), (Created{0, 2}));
+    ASSERT_TRUE(seen.looked.wait());
+    EXPECT_EQ(seen.task_no, 2U);
+    EXPECT_EQ(vos_delete_task(1), VOS_TASK_NOT_CANCELLED);
+    EXPECT_TRUE(seen.let_go());
+}
+
+TEST_F(VosTask, AThreadWithoutATaskEnds) {
+    uint64_t tid = 0;
+    EXPECT_EQ(osal_create_task("none", vos_task_entry, 0, 0, 0, 0x10000 | 2000, &tid, &tid), 0);
+    EXPECT_TRUE(only_these_threads(0));
+    EXPECT_EQ(support::logged('E', ":pfn_local_task_entry is null ptr funtion!\r\n"), 1);
+}
+
+TEST_F(VosTask, ABlockThatCannotBeClearedIsNotUsedAgain) {
+    ASSERT_EQ(create(sleep_for_ever), (Created{0, 1}));
+    const Fault not_cleared(Call::memset_s, 1);
+    EXPECT_EQ(vos_delete_task(1), 0U);
+    EXPECT_EQ(support::logged('E', "] memset_s error\n"), 1);
+    EXPECT_EQ(search_free_tcb(), 2U);
+    EXPECT_TRUE(only_these_threads(0));
+    free_task_cb(1);
+}
+
+} // namespace
+
+extern "C" __attribute__((no_sanitize("address", "thread", "undefined"))) void*
+calloc(size_t count, size_t size) {
+    if (failing_calloc != 0 && --failing_calloc == 0)
+        return nullptr;
+    return __interceptor_calloc != nullptr ? __interceptor_calloc(count, size)
+                                           : __libc_calloc(count, size);
+}
