@@ -1,7 +1,8 @@
 # Sourced by the scripts that build: installs what is missing, and builds a preset.
 # Needs Debian 12's package names; on another system it says what is wanted.
 
-packages_build=(g++ cmake ninja-build libgtest-dev libbenchmark-dev nlohmann-json3-dev libcli11-dev)
+packages_build=(g++ cmake ninja-build pkg-config libgtest-dev libbenchmark-dev libglib2.0-dev
+    nlohmann-json3-dev libcli11-dev)
 packages_lint=(clang clang-format clang-tidy)
 
 # Prints those of the given packages that are not installed.
