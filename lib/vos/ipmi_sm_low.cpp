@@ -154,7 +154,13 @@ uint32_t __unlock_semaphore(THREAD_TIMED_MUTEX_ST* m) {
     return 0;
 }
 
-uint32_t __unlock_mutex(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
+// Asks who it is only where that matters, which is not in the common case.
+struct CallingThread {
+    operator pthread_t() const { return pthread_self(); }
+};
+
+template<class Thread>
+uint32_t __unlock_mutex(THREAD_TIMED_MUTEX_ST* m, Thread self) {
     bool has_waiters = false;
     {
         const RecordLock lock(m);
@@ -304,7 +310,7 @@ uint32_t thread_timed_mutex_unlock(THREAD_TIMED_MUTEX_ST* m) {
     case THREAD_TIMED_COUNTING:
         return __unlock_semaphore(m);
     case THREAD_TIMED_MUTEX:
-        return __unlock_mutex(m, pthread_self());
+        return __unlock_mutex(m, CallingThread());
     case THREAD_TIMED_RWLOCK:
         return __unlock_rwlock(m);
     default:
