@@ -84,9 +84,11 @@ CommandHandler::Reply CommandHandler::reply_to(std::uint32_t command, std::strin
     case Command::info:
         return reply_with(json_text(read_info()));
     case Command::health:
-        return reply_with(json_text(read_health(kMaxBodyLen)));
+        return reply_with(sampler_.newest());
     case Command::stats:
         return reply_with(stats_text());
+    case Command::tasks:
+        return reply_with(json_text(read_tasks()));
     }
     return {Status::unknown_command, {}};
 }

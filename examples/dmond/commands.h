@@ -4,6 +4,7 @@
 
 #include "dm_msg_intf.h"
 #include "dmond_protocol.h"
+#include "sampler.h"
 
 #include <array>
 #include <cstdint>
@@ -17,6 +18,9 @@ namespace dmond {
 // it needs no lock.
 class CommandHandler {
 public:
+    // Answers for health out of the sampler, which must outlive the handler.
+    explicit CommandHandler(Sampler& sampler) : sampler_(sampler) {}
+
     // The handler for dm_cmd_register(), with the address of a CommandHandler for its user data.
     static int on_message(DM_INTF_ST* intf, DM_MSG_ST* msg, void* user_data, int32_t user_data_len);
 
@@ -38,6 +42,7 @@ private:
     std::string stats_text() const;
     bool send(DM_INTF_ST& intf, DM_MSG_ST& msg, const Reply& reply, std::uint32_t sequence);
 
+    Sampler& sampler_;
     std::map<std::string, Counters, std::less<>> counters_; // by the interface's name
     std::string text_;
     // The poll thread has a small stack, so the message is made here.

@@ -16,8 +16,9 @@ namespace dmond {
 enum class Command : std::uint32_t {
     ping = 1,   // answered with its own body
     info = 2,   // what the machine and the daemon are
-    health = 3, // load, memory, filesystems, sensors and network counters
+    health = 3, // load, memory, filesystems, sensors and network counters, as sampled last
     stats = 4,  // messages received and answered, by interface
+    tasks = 5,  // the daemon's tasks: number, name, priority, scheduling policy, stack in bytes
 };
 
 enum class Status : std::uint32_t {

@@ -1,4 +1,4 @@
-// The readings that dmond gives, as JSON. Each is taken when it is asked for.
+// The readings that dmond gives, as JSON. Each call takes one.
 //
 // Readings that the machine does not have are left out or are empty. Sizes are in bytes, times in
 // seconds. Strings are the system's and need not be UTF-8 until json_text() has written them.
@@ -22,6 +22,9 @@ Json read_health(std::size_t max_len);
 Json read_filesystems();
 Json read_temperatures();
 Json read_fans();
+
+// The daemon's own tasks, out of the library's table.
+Json read_tasks();
 
 // Compact text. What is not UTF-8 is replaced by U+FFFD.
 std::string json_text(const Json& value);

@@ -26,6 +26,7 @@ constexpr auto kCommands = std::to_array<std::pair<std::string_view, dmond::Comm
     {"info", dmond::Command::info},
     {"health", dmond::Command::health},
     {"stats", dmond::Command::stats},
+    {"tasks", dmond::Command::tasks},
 });
 
 constexpr const char* kFooter =
@@ -66,7 +67,8 @@ std::optional<dmond::Command> to_command(const std::string& text) {
     for (const auto& [name, command] : kCommands)
         if (name == text)
             return command;
-    throw UsageError("unknown command '" + text + "': ping, info, health and stats are known");
+    throw UsageError("unknown command '" + text +
+                     "': ping, info, health, stats and tasks are known");
 }
 
 sockaddr_in to_endpoint(const std::string& url, bool any_port) {
@@ -131,7 +133,7 @@ void Parser::add_modes() {
     for_requests = {
         app.add_option("URL", line.url, "The peer, udp://ADDR:PORT")->type_name(""),
         app.add_option("COMMAND", line.command,
-                       "ping (answered with its own body), info, health or stats")
+                       "ping (answered with its own body), info, health, stats or tasks")
             ->type_name(""),
     };
     app.add_option("--listen", line.listen,
