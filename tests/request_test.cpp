@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <set>
 #include <thread>
 
 namespace {
@@ -51,6 +52,27 @@ protected:
     std::atomic<uint64_t> req_id_ = 0;
     Context context_;
 };
+
+// A request's identity is its address: as long as it may be answered late, no other request has it.
+TEST_F(Request, LateAnswerIsForNoLaterRequest) {
+    constexpr int rounds = 20;
+    std::set<uint64_t> identities;
+    DM_INTF_ST* intf = add(0, 1);
+    for (int round = 1; round <= rounds; ++round) {
+        EXPECT_EQ(support::send(intf, "anybody?", &on_response_), 0);
+        identities.insert(req_id_);
+        ASSERT_TRUE(response_.wait(round));
+    }
+    dm_intf_deregister(intf);
+    intf = add(-1, 0);
+    for (int round = 0; round < rounds; ++round) {
+        EXPECT_EQ(support::send(intf, "anybody?", &on_response_), 0);
+        identities.insert(req_id_);
+        dm_intf_deregister(intf);
+        intf = add(-1, 0);
+    }
+    EXPECT_EQ(identities.size(), 2U * rounds);
+}
 
 TEST_F(Request, IsSentOnceMoreThanItIsRetried) {
     for (const int retries : {0, 1, 3}) {

@@ -13,6 +13,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <array>
 #include <condition_variable>
 #include <mutex>
 #include <new>
@@ -25,6 +26,35 @@ namespace {
 constexpr const char* kSelfloopName = "selfloop";
 constexpr uint32_t kDestroyWaitMs = 100;
 
+struct PENDING_REQ_ST;
+
+void __ref(PENDING_REQ_ST* req);
+void __unref(PENDING_REQ_ST* req);
+
+struct PendingUnref {
+    void operator()(PENDING_REQ_ST* req) const {
+        __unref(req); // NOLINT(clang-analyzer-unix.Malloc): it does not follow the count
+    }
+};
+
+using PendingRef = std::unique_ptr<PENDING_REQ_ST, PendingUnref>;
+
+// Requests that have ended while an answer to them may still come. A request's identity is its
+// address, so their memory is not given to another request, which such an answer would be taken
+// for, before as many others have come here.
+class LateAnswers {
+public:
+    void expect(PENDING_REQ_ST* req) {
+        __ref(req);
+        requests_[next_].reset(req);
+        next_ = (next_ + 1) % requests_.size();
+    }
+
+private:
+    std::array<PendingRef, 256> requests_;
+    std::size_t next_ = 0;
+};
+
 // The context, with what it needs beyond its public fields.
 //
 // It is released by the last of its two holders: its owner, who gives it up in dm_destroy(), and
@@ -36,12 +66,13 @@ struct Context : DM_CB_ST {
 
     std::mutex registry; // makes finding and removing an interface by name one step
 
-    // Guards `serving` and `waiting`, and of every pending request `ended` and `timer`.
+    // Guards what follows up to `receiving`, and of every pending request its state.
     std::mutex lock;
     std::condition_variable service_ended;
     // The interface whose request times out or is answered on the poll thread at the moment.
     const DM_INTF_ST* serving = nullptr;
     uint32_t waiting = 0; // removals that wait for the end of that
+    LateAnswers late_answers;
 
     // The interface that receives at the moment, null once its handler removed it. The poll
     // thread's own.
@@ -51,7 +82,7 @@ struct Context : DM_CB_ST {
 // A request that waits for its response. Its address is the request's identity on the wire.
 //
 // Each of these holds a reference: the pending list, the armed timer, the sender while it sends,
-// and the poll thread while it handles a time-out or a response.
+// the poll thread while it handles a time-out or a response, and a late answer that is expected.
 struct PENDING_REQ_ST {
     DM_INTF_ST* intf;
     DM_ADDR_ST addr;
@@ -66,7 +97,8 @@ struct PENDING_REQ_ST {
 
     Context* context; // stays valid when the interface is gone
     uint32_t refs;
-    bool ended; // answered, failed, or its interface is gone: nothing of it happens any more
+    bool timed_out; // once at least: there is more than one answer to come
+    bool ended;     // answered, failed, or its interface is gone: nothing of it happens any more
 };
 
 // A registered command handler.
@@ -101,14 +133,6 @@ void __unref(PENDING_REQ_ST* req) {
     std::free(req->user_data);
     std::free(req);
 }
-
-struct PendingUnref {
-    void operator()(PENDING_REQ_ST* req) const {
-        __unref(req); // NOLINT(clang-analyzer-unix.Malloc): it does not follow the count
-    }
-};
-
-using PendingRef = std::unique_ptr<PENDING_REQ_ST, PendingUnref>;
 
 uint64_t __identity(const PENDING_REQ_ST* req) {
     return reinterpret_cast<uintptr_t>(req);
@@ -185,21 +209,25 @@ int __arm_timer(PENDING_REQ_ST* req, uint32_t period_ms) {
     return status;
 }
 
+enum class End { done, interface_gone };
+
 // Ends a request: from here on nothing of it happens any more. False when it has ended before.
 //
 // The handle of the timer is valid while the context is locked and the request has one: a timer
 // that fires clears it, under the lock, before its entry can go.
-bool __end_request(PENDING_REQ_ST* req) {
+bool __end_request(PENDING_REQ_ST* req, End end) {
     const std::lock_guard lock(req->context->lock);
     if (std::exchange(req->ended, true))
         return false;
+    if (req->timed_out || end == End::interface_gone)
+        req->context->late_answers.expect(req);
     poller_timer_remove(req->context->poller, &req->timer);
     dm::store<POLLER_TIMER_ENTRY_ST*>(req->timer, nullptr);
     return true;
 }
 
 void __dm_pending_req_del(DM_CB_ST* dm_cb, PENDING_REQ_ST* req) {
-    if (__end_request(req))
+    if (__end_request(req, End::done))
         list_remove_by_tag(dm_cb->pending_list, req, __dm_pending_cmp);
 }
 
@@ -300,8 +328,10 @@ public:
     Service(PENDING_REQ_ST* req, Cause cause) : context_(req->context) {
         const std::lock_guard lock(context_->lock);
         // A timer that fired is gone, and a later one may get its handle.
-        if (cause == Cause::timeout)
+        if (cause == Cause::timeout) {
             dm::store<POLLER_TIMER_ENTRY_ST*>(req->timer, nullptr);
+            req->timed_out = true;
+        }
         begun_ = !req->ended && !context_->destroyed;
         if (begun_)
             context_->serving = req->intf;
@@ -487,7 +517,7 @@ void __end_requests(DM_CB_ST* dm_cb, const DM_INTF_ST* intf) {
     dm::ListWalk walk(dm_cb->pending_list);
     while (LIST_NODE_ST* node = walk.next()) {
         auto* req = static_cast<PENDING_REQ_ST*>(list_to_item(node));
-        if (req->intf == intf && __end_request(req))
+        if (req->intf == intf && __end_request(req, End::interface_gone))
             list_remove(dm_cb->pending_list, node);
     }
 }
