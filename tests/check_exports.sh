@@ -15,7 +15,8 @@ if readelf -d "$library" | grep -q SYMBOLIC; then
     exit 1
 fi
 imported=$(nm -D --undefined-only "$library" | awk '{ print $2 }')
-declared=$(grep -ohE '\b(mm[A-Z]\w+|Dlog\w+|CheckLogLevel|\w+_s)\(' "$@" | tr -d '(' | sort -u)
+calls='mm[A-Z]\w+|Dlog\w+|CheckLogLevel|\w+_s|(drv|hal)Hdc\w+|devdrv_\w+'
+declared=$(grep -ohE "\b($calls)\(" "$@" | tr -d '(' | sort -u)
 used=$(nm "$library" | awk '{ print $NF }' | grep -xF "$declared" | sort -u)
 for symbol in $used; do
     grep -qx "$symbol" <<<"$imported" || { echo "$symbol is not imported" >&2; exit 1; }

@@ -1,0 +1,66 @@
+/** HDC messages and their buffers. */
+#include "hal/codes.h"
+#include "hal/hdc.h"
+
+#include <climits>
+#include <new>
+#include <numeric>
+
+namespace {
+
+size_t __length(const HAL_HDC_MSG& msg) {
+    return std::accumulate(msg.buffers.begin(), msg.buffers.end(), size_t{0},
+                           [](size_t sum, const iovec& buffer) { return sum + buffer.iov_len; });
+}
+
+} // namespace
+
+int32_t drvHdcGetCapacity(HDC_CAPACITY_ST* capacity) {
+    if (capacity == nullptr)
+        return hal::invalid_argument;
+    *capacity = {0, hal::max_message};
+    return 0;
+}
+
+int32_t drvHdcAllocMsg(HDC_SESSION session, HAL_HDC_MSG** msg, int32_t count) try {
+    if (msg == nullptr || count <= 0 || count > IOV_MAX)
+        return hal::invalid_argument;
+    if (!hal::Sessions::table().find(session))
+        return hal::bad_handle;
+    auto allocated = std::make_unique<HAL_HDC_MSG>();
+    allocated->max_buffers = static_cast<size_t>(count);
+    allocated->buffers.reserve(allocated->max_buffers);
+    *msg = allocated.release();
+    return 0;
+} catch (const std::bad_alloc&) {
+    return hal::no_memory;
+}
+
+int32_t drvHdcAddMsgBuffer(HAL_HDC_MSG* msg, char* buffer, int32_t length) {
+    if (msg == nullptr || buffer == nullptr || length <= 0)
+        return hal::invalid_argument;
+    if (msg->buffers.size() == msg->max_buffers)
+        return hal::too_many;
+    const auto size = static_cast<size_t>(length);
+    if (__length(*msg) + size > hal::max_message)
+        return hal::too_long;
+    msg->buffers.push_back({buffer, size}); // within what was reserved
+    return 0;
+}
+
+int32_t drvHdcGetMsgBuffer(HAL_HDC_MSG* msg, int32_t index, char** buffer, int32_t* length) {
+    if (msg == nullptr || buffer == nullptr || length == nullptr || index < 0 ||
+        static_cast<size_t>(index) >= msg->buffers.size())
+        return hal::invalid_argument;
+    const iovec& found = msg->buffers[static_cast<size_t>(index)];
+    *buffer = static_cast<char*>(found.iov_base);
+    *length = static_cast<int32_t>(found.iov_len);
+    return 0;
+}
+
+int32_t drvHdcFreeMsg(HAL_HDC_MSG* msg) {
+    if (msg == nullptr)
+        return hal::invalid_argument;
+    delete msg;
+    return 0;
+}

@@ -1,0 +1,129 @@
+/** HDC servers: a listening socket for each device id. */
+#include "hal/codes.h"
+#include "hal/directory.h"
+#include "hal/hdc.h"
+#include "hal/socket.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <new>
+
+namespace {
+
+/** Clients that may wait to be accepted: as many as one client of the library has sessions. */
+constexpr int __backlog = 64;
+
+/** With other users allowed, the session checks who connects, not the socket's file. */
+constexpr mode_t __mode_own = 0600;
+constexpr mode_t __mode_all = 0666;
+
+struct __Server {
+    hal::FileName name = {};
+    hal::Descriptor directory;
+    hal::Descriptor lock;
+    hal::Descriptor listener;
+};
+
+using __Servers = hal::Handles<__Server>;
+
+/**
+ * Takes the device id for as long as the process lives. The lock's file is never removed: another
+ * process may be about to lock it.
+ */
+int32_t __lock(__Server& server) {
+    hal::FileName name = {};
+    std::snprintf(name.data(), name.size(), "%s.lock", server.name.data());
+    server.lock = hal::Descriptor(openat(server.directory.get(), name.data(),
+                                         O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, __mode_own));
+    if (!server.lock)
+        return hal::system_error;
+    if (flock(server.lock.get(), LOCK_EX | LOCK_NB) != 0)
+        return errno == EWOULDBLOCK ? hal::server_exists : hal::system_error;
+    return 0;
+}
+
+int32_t __listen(__Server& server) {
+    server.directory = hal::open_directory();
+    if (!server.directory)
+        return hal::bad_directory;
+    if (const int32_t code = __lock(server); code != 0)
+        return code;
+    // Under the lock, a socket that lies there is what a killed server left.
+    unlinkat(server.directory.get(), server.name.data(), 0);
+    const mode_t mode = hal::setting("DM_HAL_ALLOW_UIDS") != nullptr ? __mode_all : __mode_own;
+    server.listener = hal::bind_socket(SOCK_SEQPACKET, server.directory, server.name.data(), mode);
+    if (!server.listener || listen(server.listener.get(), __backlog) != 0)
+        return hal::system_error;
+    return 0;
+}
+
+/** Says whether accept4(2) failed for a reason that the next wait clears up. */
+bool __is_passing(int error) {
+    return error == EAGAIN || error == EINTR || error == ECONNABORTED ||
+           error == EINVAL; // destroyed since the wait
+}
+
+/** Accepts one client. @return would_block when there is none that is allowed. */
+int32_t __accept(const __Server& server, HDC_SESSION* session) {
+    const hal::CancelGuard guard;
+    auto accepted = std::make_shared<hal::Session>(nullptr);
+    accepted->socket = hal::Descriptor(
+        accept4(server.listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!accepted->socket)
+        return __is_passing(errno) ? hal::would_block : hal::system_error;
+    const std::optional<uid_t> peer = hal::allowed_peer(accepted->socket);
+    if (!peer)
+        return hal::would_block;
+    accepted->peer_uid = *peer;
+    *session = hal::Sessions::table().add(std::move(accepted));
+    return 0;
+}
+
+} // namespace
+
+int32_t drvHdcServerCreate(int32_t device_id, int32_t service_type, HDC_SERVER* server) try {
+    if (device_id < 0 || service_type != 0 || server == nullptr)
+        return hal::invalid_argument;
+    const hal::CancelGuard guard;
+    auto created = std::make_shared<__Server>();
+    created->name = hal::socket_name(device_id);
+    if (const int32_t code = __listen(*created); code != 0)
+        return code;
+    *server = __Servers::table().add(std::move(created));
+    return 0;
+} catch (const std::bad_alloc&) {
+    return hal::no_memory;
+}
+
+int32_t drvHdcServerDestroy(HDC_SERVER server) {
+    const hal::CancelGuard guard;
+    const auto ended = __Servers::table().take(server);
+    if (!ended)
+        return hal::bad_handle;
+    // An accept that is under way keeps the descriptors open: it is woken, and the device id is
+    // given back by hand, the lock last.
+    shutdown(ended->listener.get(), SHUT_RDWR);
+    unlinkat(ended->directory.get(), ended->name.data(), 0);
+    flock(ended->lock.get(), LOCK_UN);
+    return 0;
+}
+
+int32_t drvHdcSessionAccept(HDC_SERVER server, HDC_SESSION* session) try {
+    if (session == nullptr)
+        return hal::invalid_argument;
+    const auto listening = __Servers::table().find(server);
+    if (!listening)
+        return hal::bad_handle;
+    for (;;) {
+        if ((hal::wait_ready(listening->listener, POLLIN, std::nullopt) & POLLHUP) != 0)
+            return hal::server_ended;
+        if (const int32_t code = __accept(*listening, session); code != hal::would_block)
+            return code;
+    }
+} catch (const std::bad_alloc&) {
+    return hal::no_memory;
+}

@@ -1,0 +1,116 @@
+/** HDC sessions: what goes over them, and what is known of them. */
+#include "hal/codes.h"
+#include "hal/directory.h"
+#include "hal/hdc.h"
+#include "hal/socket.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <new>
+
+namespace {
+
+constexpr int32_t __default_run_env = 1;
+
+/** Where the processes run: what DM_HAL_RUN_ENV says, also a number that has no meaning. */
+int32_t __run_env() {
+    int32_t value = __default_run_env;
+    if (const char* text = hal::setting("DM_HAL_RUN_ENV"))
+        std::from_chars(text, text + std::strlen(text), value);
+    return value;
+}
+
+int32_t __try_send(const hal::Session& session, HAL_HDC_MSG& msg) {
+    msghdr header = {};
+    header.msg_iov = msg.buffers.data();
+    header.msg_iovlen = msg.buffers.size();
+    if (sendmsg(session.socket.get(), &header, MSG_NOSIGNAL) >= 0)
+        return 0;
+    if (errno == EAGAIN || errno == EINTR)
+        return hal::would_block;
+    return errno == EPIPE || errno == ECONNRESET ? hal::peer_gone : hal::system_error;
+}
+
+int32_t __try_receive(const hal::Session& session, HAL_HDC_MSG& msg) {
+    const ssize_t size =
+        recv(session.socket.get(), msg.received.get(), hal::max_message, MSG_TRUNC);
+    // A peer that closed with messages unread resets the session, once; what it had sent before is
+    // still to be read.
+    if (size < 0)
+        return errno == EAGAIN || errno == EINTR || errno == ECONNRESET ? hal::would_block
+                                                                        : hal::system_error;
+    // The end of the session: messages without bytes are not sent.
+    if (size == 0)
+        return hal::peer_gone;
+    if (static_cast<size_t>(size) > hal::max_message)
+        return hal::too_long;
+    msg.buffers.assign(1, {msg.received.get(), static_cast<size_t>(size)});
+    return 0;
+}
+
+/** Repeats an attempt that would block until the session is ready for it, or the time is over. */
+template<class Attempt>
+int32_t __in_time(const hal::Session& session, short events, uint32_t timeout_ms, Attempt attempt) {
+    const auto deadline = hal::Clock::now() + std::chrono::milliseconds(timeout_ms);
+    for (;;) {
+        if (const int32_t code = attempt(); code != hal::would_block)
+            return code;
+        if (hal::wait_ready(session.socket, events, deadline) == 0)
+            return HAL_HDC_TIMEOUT;
+    }
+}
+
+} // namespace
+
+int32_t drvHdcSessionClose(HDC_SESSION session) {
+    const auto closed = hal::Sessions::table().take(session);
+    if (!closed)
+        return hal::bad_handle;
+    shutdown(closed->socket.get(), SHUT_RDWR); // wakes who waits on it; the last one closes it
+    return 0;
+}
+
+int32_t drvHdcSetSessionReference(HDC_SESSION session) {
+    // A connection belongs to its process from the start.
+    return hal::Sessions::table().find(session) ? 0 : hal::bad_handle;
+}
+
+int32_t halHdcSend(HDC_SESSION session, HAL_HDC_MSG* msg, uint64_t flag, uint32_t timeout_ms) {
+    if (msg == nullptr || msg->buffers.empty() || flag != HAL_HDC_WAIT_TIMEOUT)
+        return hal::invalid_argument;
+    const auto sending = hal::Sessions::table().find(session);
+    if (!sending)
+        return hal::bad_handle;
+    return __in_time(*sending, POLLOUT, timeout_ms, [&] { return __try_send(*sending, *msg); });
+}
+
+int32_t halHdcRecv(HDC_SESSION session, HAL_HDC_MSG* msg, int32_t /*buffer_length*/, uint64_t flag,
+                   int32_t* count, uint32_t timeout_ms) try {
+    if (msg == nullptr || count == nullptr || flag != HAL_HDC_WAIT_TIMEOUT)
+        return hal::invalid_argument;
+    const auto receiving = hal::Sessions::table().find(session);
+    if (!receiving)
+        return hal::bad_handle;
+    msg->buffers.clear();
+    msg->received = std::make_unique_for_overwrite<char[]>(hal::max_message);
+    const int32_t code =
+        __in_time(*receiving, POLLIN, timeout_ms, [&] { return __try_receive(*receiving, *msg); });
+    *count = static_cast<int32_t>(msg->buffers.size());
+    return code;
+} catch (const std::bad_alloc&) {
+    return hal::no_memory;
+}
+
+int32_t halHdcGetSessionAttr(HDC_SESSION session, int32_t attribute, int32_t* value) {
+    const auto asked = hal::Sessions::table().find(session);
+    if (!asked)
+        return hal::bad_handle;
+    if (value == nullptr || (attribute != HAL_HDC_ATTR_UID && attribute != HAL_HDC_ATTR_RUN_ENV))
+        return hal::invalid_argument;
+    *value = attribute == HAL_HDC_ATTR_UID ? static_cast<int32_t>(asked->peer_uid) : __run_env();
+    return 0;
+}

@@ -1,0 +1,80 @@
+#include "hal/socket.h"
+
+#include "hal/directory.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+
+namespace {
+
+const sockaddr* __generic(const sockaddr_un& address) {
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+timespec __time_until(hal::Clock::time_point deadline) {
+    const auto left = std::max(deadline - hal::Clock::now(), hal::Clock::duration::zero());
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+    return {seconds.count(), std::chrono::nanoseconds(left - seconds).count()};
+}
+
+} // namespace
+
+namespace hal {
+
+sockaddr_un address_in(const Descriptor& directory, const char* name) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    // Through the descriptor: the directory's own path may be longer than an address can be, and
+    // may lead elsewhere than to the directory that was checked.
+    std::snprintf(address.sun_path, sizeof(address.sun_path), "/proc/self/fd/%d/%s",
+                  directory.get(), name);
+    return address;
+}
+
+Descriptor open_socket(int type) {
+    return Descriptor(socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+}
+
+Descriptor bind_socket(int type, const Descriptor& directory, const char* name, mode_t mode) {
+    Descriptor opened = open_socket(type);
+    const sockaddr_un address = address_in(directory, name);
+    if (!opened || bind(opened.get(), __generic(address), sizeof(address)) != 0 ||
+        fchmodat(directory.get(), name, mode, 0) != 0)
+        return {};
+    return opened;
+}
+
+int connect_socket(const Descriptor& socket, const Descriptor& directory, const char* name) {
+    const sockaddr_un address = address_in(directory, name);
+    return connect(socket.get(), __generic(address), sizeof(address));
+}
+
+std::optional<uid_t> allowed_peer(const Descriptor& socket) {
+    ucred peer = {};
+    socklen_t size = sizeof(peer);
+    if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 ||
+        !is_allowed(peer.uid))
+        return std::nullopt;
+    return peer.uid;
+}
+
+short wait_ready(const Descriptor& socket, short events,
+                 std::optional<Clock::time_point> deadline) {
+    pollfd waiting = {socket.get(), events, 0};
+    for (;;) {
+        const timespec left = deadline ? __time_until(*deadline) : timespec{};
+        if (ppoll(&waiting, 1, deadline ? &left : nullptr, nullptr) >= 0)
+            return waiting.revents;
+        if (errno != EINTR)
+            return POLLERR;
+    }
+}
+
+} // namespace hal

@@ -1,0 +1,222 @@
+/** The host's HAL: channels between the threads and processes of this machine. */
+#include "platform_hal.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+constexpr int32_t device = 7;
+constexpr auto background = std::launch::async;
+
+/** A code of the HAL's own, after which the library does not try again. */
+bool is_final(int32_t code) {
+    return code != 0 && code != HAL_HDC_TIMEOUT && code != HAL_HDC_NOT_READY;
+}
+
+int32_t send(HDC_SESSION session, std::string text, uint32_t timeout_ms = 60'000) {
+    HAL_HDC_MSG* msg = nullptr;
+    drvHdcAllocMsg(session, &msg, 1);
+    EXPECT_EQ(drvHdcAddMsgBuffer(msg, text.data(), static_cast<int32_t>(text.size())), 0);
+    const int32_t code = halHdcSend(session, msg, HAL_HDC_WAIT_TIMEOUT, timeout_ms);
+    drvHdcFreeMsg(msg);
+    return code;
+}
+
+int32_t receive(HDC_SESSION session, std::string* text, uint32_t timeout_ms) {
+    HAL_HDC_MSG* msg = nullptr;
+    int32_t value = 0;
+    char* bytes = nullptr;
+    int32_t code = drvHdcAllocMsg(session, &msg, 1);
+    if (code == 0)
+        code = halHdcRecv(session, msg, 1, HAL_HDC_WAIT_TIMEOUT, &value, timeout_ms);
+    if (drvHdcGetMsgBuffer(msg, 0, &bytes, &value) == 0)
+        text->assign(bytes, static_cast<size_t>(value));
+    drvHdcFreeMsg(msg);
+    return code;
+}
+
+/** Awaits that every other thread waits for something. */
+void await_the_others() {
+    std::string state;
+    for (const auto& task : fs::directory_iterator("/proc/self/task"))
+        if (task.path().filename() != std::to_string(getpid()))
+            while (std::ifstream(task.path() / "stat") >> state >> state >> state && state != "S")
+                ;
+}
+
+struct Hal : testing::Test {
+    Hal() {
+        mkdtemp(root.data());
+        directory = root + '/' + std::string(150, 'd'); // more than fits an address
+        setenv("DM_HAL_DIR", directory.c_str(), 1);
+        EXPECT_EQ(drvHdcClientCreate(&client, 90, 0, 0), 0);
+    }
+    ~Hal() override {
+        drvHdcServerDestroy(server);
+        drvHdcClientDestroy(client);
+        fs::remove_all(root);
+        unsetenv("DM_HAL_ALLOW_UIDS");
+    }
+    int32_t serve() { return drvHdcServerCreate(device, 0, &server); }
+    int32_t connect() { return drvHdcSessionConnect(0, device, client, &near); }
+    int32_t accept() { return drvHdcSessionAccept(server, &far); }
+    bool open() { return serve() == 0 && connect() == 0 && accept() == 0; }
+    bool passes(HDC_SESSION from, HDC_SESSION to, const std::string& sent) {
+        return send(from, sent) == 0 && receive(to, &text, 60'000) == 0 && text == sent;
+    }
+
+    std::string root = fs::temp_directory_path() / "hal_test.XXXXXX";
+    std::string directory, text;
+    HDC_SERVER server = 0;
+    HDC_CLIENT client = 0;
+    HDC_SESSION near = 0, far = 0;
+};
+
+TEST_F(Hal, MessagesGoBothWaysUntilTheTimeIsOverOrTheSessionCloses) {
+    ASSERT_TRUE(open());
+    for (const size_t length : {1U, 4126U, 8192U}) {
+        EXPECT_TRUE(passes(near, far, std::string(length, 'x')));
+        EXPECT_TRUE(passes(far, near, std::string(length, 'y')));
+    }
+    EXPECT_EQ(receive(near, &text, 1), HAL_HDC_TIMEOUT);
+    int32_t code = 0;
+    for (int sent = 0; code == 0 && sent < 10'000; ++sent)
+        code = send(near, "never read", 1);
+    EXPECT_EQ(code, HAL_HDC_TIMEOUT);
+    EXPECT_EQ(send(far, "the last"), 0);
+    EXPECT_EQ(drvHdcSessionClose(far), 0);
+    EXPECT_EQ(receive(near, &text, 60'000), 0) << "although the peer left messages unread";
+    EXPECT_TRUE(is_final(receive(near, &text, 60'000)) && is_final(send(near, "to nobody")));
+    ASSERT_TRUE(connect() == 0 && accept() == 0);
+    auto receiving = std::async(background, receive, far, &text, 60'000);
+    await_the_others();
+    EXPECT_EQ(drvHdcSessionClose(far), 0);
+    EXPECT_TRUE(is_final(receiving.get()));
+}
+
+TEST_F(Hal, ADeviceIdHasOneLiveServer) {
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(serve() == 0 ? raise(SIGKILL) : 1);
+    int status = 0;
+    EXPECT_TRUE(waitpid(child, &status, 0) == child && WIFSIGNALED(status));
+    EXPECT_EQ(connect(), HAL_HDC_NOT_READY);
+    EXPECT_EQ(serve(), 0) << "in place of the killed one";
+    EXPECT_TRUE(is_final(drvHdcServerCreate(device, 0, &far)));
+    int32_t code = 0;
+    for (int waiting = 0; code == 0 && waiting < 80; ++waiting)
+        code = connect();
+    EXPECT_EQ(code, HAL_HDC_NOT_READY) << "too many wait";
+    EXPECT_TRUE(accept() == 0 && connect() == 0);
+    EXPECT_EQ(drvHdcServerDestroy(server), 0);
+
+    ASSERT_TRUE(open());
+    auto accepting = std::async(background, drvHdcSessionAccept, server, &server);
+    await_the_others();
+    EXPECT_EQ(drvHdcServerDestroy(server), 0);
+    EXPECT_TRUE(is_final(accepting.get()));
+    EXPECT_TRUE(connect() == HAL_HDC_NOT_READY && passes(near, far, "still open"));
+}
+
+TEST_F(Hal, OnlyOpenHandlesAreTaken) {
+    ASSERT_TRUE(open());
+    const HDC_SESSION closed = near;
+    HAL_HDC_MSG* msg = nullptr;
+    int32_t value = 0;
+    ASSERT_EQ(drvHdcAllocMsg(closed, &msg, 1), 0);
+    ASSERT_EQ(drvHdcAddMsgBuffer(msg, root.data(), 1), 0);
+    ASSERT_TRUE(drvHdcSessionClose(closed) == 0 && connect() == 0);
+    for (const HDC_SESSION none : {HDC_SESSION{0}, closed, server, client, UINT64_MAX}) {
+        EXPECT_TRUE(is_final(receive(none, &text, 1)) && is_final(drvHdcSessionClose(none)));
+        EXPECT_TRUE(is_final(halHdcSend(none, msg, HAL_HDC_WAIT_TIMEOUT, 1)));
+        EXPECT_TRUE(is_final(halHdcRecv(none, msg, 1, HAL_HDC_WAIT_TIMEOUT, &value, 1)));
+        EXPECT_TRUE(is_final(halHdcGetSessionAttr(none, HAL_HDC_ATTR_UID, &value)));
+        EXPECT_TRUE(is_final(drvHdcSetSessionReference(none)));
+    }
+    EXPECT_TRUE(is_final(drvHdcServerDestroy(near)) && is_final(drvHdcClientDestroy(near)));
+    EXPECT_TRUE(is_final(drvHdcSessionAccept(client, &far)));
+    EXPECT_TRUE(is_final(drvHdcSessionConnect(0, device, server, &near)));
+    drvHdcFreeMsg(msg);
+}
+
+TEST_F(Hal, OtherUsersNeedLeave) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can be another user";
+    setenv("DM_HAL_ALLOW_UIDS", "0,65534", 1);
+    ASSERT_TRUE(serve() == 0 && chmod(root.c_str(), 0711) == 0);
+    ASSERT_EQ(chmod(directory.c_str(), 0711), 0);
+    setenv("DM_HAL_ALLOW_UIDS", "65534", 1);
+    ASSERT_EQ(seteuid(65534), 0);
+    EXPECT_TRUE(is_final(connect())) << "the directory is another's";
+    ASSERT_EQ(seteuid(0), 0);
+    for (const auto& [listed, accepted] :
+         {std::pair("6553,34,0", 0), std::pair("0,65534", 65534)}) {
+        setenv("DM_HAL_ALLOW_UIDS", listed, 1);
+        ASSERT_TRUE(seteuid(65534) == 0 && connect() == 0 && seteuid(0) == 0);
+        ASSERT_TRUE(connect() == 0 && accept() == 0);
+        int32_t uid = -1;
+        EXPECT_EQ(halHdcGetSessionAttr(far, HAL_HDC_ATTR_UID, &uid), 0);
+        EXPECT_EQ(uid, accepted) << "the first that is allowed";
+    }
+}
+
+TEST_F(Hal, ADirectoryThatOthersReachIsRefused) {
+    EXPECT_EQ(connect(), HAL_HDC_NOT_READY);
+    for (const mode_t mode : {0755U, 0711U, 0770U}) {
+        chmod(directory.c_str(), mode);
+        EXPECT_TRUE(is_final(serve()) && is_final(connect()) && devdrv_open_device_manager() < 0);
+    }
+    chmod(directory.c_str(), 0700);
+    fs::create_directory_symlink(directory, root + "/link");
+    for (const char* path : {"/link", "/link/", "/missing/below"}) {
+        setenv("DM_HAL_DIR", (root + path).c_str(), 1);
+        EXPECT_TRUE(is_final(connect())) << path;
+    }
+}
+
+TEST_F(Hal, ADeviceMessageReachesTheOtherEndpoints) {
+    std::array<int, 3> ends = {};
+    for (int& end : ends)
+        ASSERT_GE(end = devdrv_open_device_manager(), 0);
+    const auto send_to = [&](uint32_t id, const std::string& bytes) {
+        const auto length = static_cast<uint8_t>(bytes.size());
+        return devdrv_imu_dmp_msg_send(ends[0], id, bytes.data(), length);
+    };
+    const auto next = [&](size_t end) {
+        uint8_t length = 0;
+        text.resize(HAL_DMP_MAX_LEN);
+        const int code = devdrv_imu_dmp_msg_recv(ends.at(end), device, text.data(), 32, &length);
+        text.resize(length);
+        return code;
+    };
+    for (const std::string& sent : {std::string(), std::string(HAL_DMP_MAX_LEN, 'x')}) {
+        EXPECT_EQ(send_to(device, sent), 0);
+        EXPECT_TRUE(next(1) == 0 && text == sent && next(2) == 0 && text == sent);
+    }
+    EXPECT_TRUE(is_final(send_to(device, std::string(HAL_DMP_MAX_LEN + 1, 'x'))));
+    const int32_t nothing = next(0);
+    EXPECT_TRUE(is_final(nothing)) << "not the sender's own";
+    EXPECT_TRUE(send_to(device + 1, "for another") == 0 && is_final(next(2)));
+    EXPECT_EQ(next(2), nothing) << "it is consumed";
+    for (int i = 0; i < 2'000; ++i)
+        ASSERT_TRUE(send_to(device, "text") == 0 && next(2) == 0) << "one end reads nothing";
+    close(ends[1]);
+    EXPECT_TRUE(send_to(device, "text") == 0 && next(2) == 0);
+    ends[1] = devdrv_open_device_manager();
+    EXPECT_EQ(std::distance(fs::directory_iterator(directory), fs::directory_iterator()), 3);
+    EXPECT_TRUE(is_final(devdrv_imu_dmp_msg_send(STDIN_FILENO, device, "text", 4)));
+    for (const int end : ends)
+        close(end);
+}
+
+} // namespace
