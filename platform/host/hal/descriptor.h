@@ -1,4 +1,4 @@
-/** Owner of a descriptor, and of the time in which a thread must not be cancelled. */
+// Owner of a descriptor, and of the time in which a thread must not be cancelled.
 #ifndef HAL_DESCRIPTOR_H
 #define HAL_DESCRIPTOR_H
 
@@ -9,10 +9,8 @@
 
 namespace hal {
 
-/**
- * Holds off the calling thread's cancellation, which would lose a descriptor that a call of the
- * system has just made. In the HAL, threads are cancelled only where they wait.
- */
+// Holds off the calling thread's cancellation, which would lose a descriptor that a call of the
+// system has just made. In the HAL, threads are cancelled only where they wait.
 class CancelGuard {
 public:
     CancelGuard() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }

@@ -1,10 +1,8 @@
-/**
- * The device manager's message channel: each endpoint is a datagram socket in the directory, and a
- * message goes to all of them but the sender's own.
- *
- * Endpoints are closed with close(2), which leaves their files behind; whoever opens the next one
- * removes them. The files' names are random, and so never used again.
- */
+// The device manager's message channel: each endpoint is a datagram socket in the directory, and a
+// message goes to all of them but the sender's own.
+//
+// Endpoints are closed with close(2), which leaves their files behind; whoever opens the next one
+// removes them. The files' names are random, and so never used again.
 #include "hal/codes.h"
 #include "hal/directory.h"
 #include "hal/socket.h"
@@ -29,52 +27,50 @@
 
 namespace {
 
-constexpr std::string_view __prefix = "dmp-";
+constexpr std::string_view kPrefix = "dmp-";
 
-struct __Packet {
+struct Packet {
     uint32_t device_id;
     char data[HAL_DMP_MAX_LEN];
 };
 
-constexpr size_t __header_size = offsetof(__Packet, data);
+constexpr size_t kHeaderSize = offsetof(Packet, data);
 
-struct __DirCloser {
+struct DirCloser {
     void operator()(DIR* listing) const { closedir(listing); }
 };
 
-using __Listing = std::unique_ptr<DIR, __DirCloser>;
+using Listing = std::unique_ptr<DIR, DirCloser>;
 
-__Listing __list(const hal::Descriptor& directory) {
+Listing __list(const hal::Descriptor& directory) {
     hal::Descriptor opened(openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    __Listing listing(opened ? fdopendir(opened.get()) : nullptr);
+    Listing listing(opened ? fdopendir(opened.get()) : nullptr);
     if (listing)
         opened.release();
     return listing;
 }
 
-/** @return the name of the next endpoint's file; null behind the last one. */
+// @return the name of the next endpoint's file; null behind the last one.
 const char* __next_endpoint(DIR* listing) {
     while (const dirent* entry = readdir(listing)) {
-        if (std::string_view(entry->d_name).starts_with(__prefix))
+        if (std::string_view(entry->d_name).starts_with(kPrefix))
             return entry->d_name;
     }
     return nullptr;
 }
 
-/**
- * A lock of the directory. Unlocked by hand, for a child that another thread has forked meanwhile
- * shares the lock until it starts its program.
- */
-class __DirectoryLock {
+// A lock of the directory. Unlocked by hand, for a child that another thread has forked meanwhile
+// shares the lock until it starts its program.
+class DirectoryLock {
 public:
-    explicit __DirectoryLock(DIR* listing) : fd_(dirfd(listing)) {
+    explicit DirectoryLock(DIR* listing) : fd_(dirfd(listing)) {
         do {
             held_ = flock(fd_, LOCK_EX) == 0;
         } while (!held_ && errno == EINTR);
     }
-    __DirectoryLock(const __DirectoryLock&) = delete;
-    __DirectoryLock& operator=(const __DirectoryLock&) = delete;
-    ~__DirectoryLock() { flock(fd_, LOCK_UN); }
+    DirectoryLock(const DirectoryLock&) = delete;
+    DirectoryLock& operator=(const DirectoryLock&) = delete;
+    ~DirectoryLock() { flock(fd_, LOCK_UN); }
 
     bool held() const { return held_; }
 
@@ -83,10 +79,8 @@ private:
     bool held_ = false;
 };
 
-/**
- * Removes the files of closed endpoints. One that is just being bound looks like them, so that who
- * binds and who removes holds the lock.
- */
+// Removes the files of closed endpoints. One that is just being bound looks like them, so that who
+// binds and who removes holds the lock.
 void __remove_closed(const hal::Descriptor& directory, DIR* listing) {
     const hal::Descriptor probe = hal::open_socket(SOCK_DGRAM);
     while (const char* name = __next_endpoint(listing)) {
@@ -95,17 +89,17 @@ void __remove_closed(const hal::Descriptor& directory, DIR* listing) {
     }
 }
 
-/** @return an endpoint under a new name, which others of this user may send to. */
+// @return an endpoint under a new name, which others of this user may send to.
 hal::Descriptor __bind(const hal::Descriptor& directory) {
     uint64_t number = 0;
     if (getrandom(&number, sizeof(number), 0) != static_cast<ssize_t>(sizeof(number)))
         return {};
     std::array<char, 32> name = {};
-    std::snprintf(name.data(), name.size(), "%s%016" PRIx64, __prefix.data(), number);
+    std::snprintf(name.data(), name.size(), "%s%016" PRIx64, kPrefix.data(), number);
     return hal::bind_socket(SOCK_DGRAM, directory, name.data(), 0600);
 }
 
-/** @return the name of an endpoint's file; empty when the descriptor is not an endpoint. */
+// @return the name of an endpoint's file; empty when the descriptor is not an endpoint.
 std::string __name_of(int fd) {
     sockaddr_un own = {};
     socklen_t size = sizeof(own);
@@ -113,13 +107,13 @@ std::string __name_of(int fd) {
         return {};
     const std::string path(own.sun_path, strnlen(own.sun_path, sizeof(own.sun_path)));
     std::string name = path.substr(path.rfind('/') + 1);
-    return name.starts_with(__prefix) ? name : std::string();
+    return name.starts_with(kPrefix) ? name : std::string();
 }
 
-/** Sends to all endpoints but one. Who is closed, or has no room, misses the message. */
-int32_t __broadcast(const __Packet& packet, size_t size, std::string_view but) {
+// Sends to all endpoints but one. Who is closed, or has no room, misses the message.
+int32_t __broadcast(const Packet& packet, size_t size, std::string_view but) {
     const hal::Descriptor directory = hal::open_directory();
-    const __Listing listing = directory ? __list(directory) : nullptr;
+    const Listing listing = directory ? __list(directory) : nullptr;
     if (!listing)
         return hal::bad_directory;
     // A socket for this message alone: what lies unread at one endpoint counts against the sending
@@ -142,10 +136,10 @@ int32_t __broadcast(const __Packet& packet, size_t size, std::string_view but) {
 int32_t devdrv_open_device_manager(void) try {
     const hal::CancelGuard guard;
     const hal::Descriptor directory = hal::open_directory();
-    const __Listing listing = directory ? __list(directory) : nullptr;
+    const Listing listing = directory ? __list(directory) : nullptr;
     if (!listing)
         return -hal::bad_directory;
-    const __DirectoryLock lock(listing.get());
+    const DirectoryLock lock(listing.get());
     if (!lock.held())
         return -hal::system_error;
     __remove_closed(directory, listing.get());
@@ -165,10 +159,10 @@ int32_t devdrv_imu_dmp_msg_send(int32_t fd, uint32_t device_id, const void* data
     const std::string own = __name_of(fd);
     if (own.empty())
         return hal::bad_handle;
-    __Packet packet = {device_id, {}};
+    Packet packet = {device_id, {}};
     if (length != 0)
         std::memcpy(packet.data, data, length);
-    return __broadcast(packet, __header_size + length, own);
+    return __broadcast(packet, kHeaderSize + length, own);
 } catch (const std::bad_alloc&) {
     return hal::no_memory;
 }
@@ -179,16 +173,16 @@ int32_t devdrv_imu_dmp_msg_recv(int32_t fd, uint32_t device_id, void* buffer, ui
         return hal::invalid_argument;
     if (__name_of(fd).empty())
         return hal::bad_handle;
-    __Packet packet = {};
+    Packet packet = {};
     const ssize_t size = recv(fd, &packet, sizeof(packet), MSG_DONTWAIT | MSG_TRUNC);
     if (size < 0)
         return errno == EAGAIN ? hal::would_block : hal::system_error;
     const auto received = static_cast<size_t>(size);
-    if (received < __header_size || received > sizeof(packet))
+    if (received < kHeaderSize || received > sizeof(packet))
         return hal::bad_message;
     if (packet.device_id != device_id)
         return hal::other_device;
-    const size_t payload = received - __header_size;
+    const size_t payload = received - kHeaderSize;
     if (payload > capacity)
         return hal::too_long;
     std::memcpy(buffer, packet.data, payload);

@@ -1,4 +1,4 @@
-/** The numbers by which callers know servers, clients and sessions. */
+// The numbers by which callers know servers, clients and sessions.
 #ifndef HAL_HANDLES_H
 #define HAL_HANDLES_H
 
@@ -11,17 +11,15 @@
 
 namespace hal {
 
-/** One count for all kinds, so that no number is ever given twice, or stands for two kinds. */
+// One count for all kinds, so that no number is ever given twice, or stands for two kinds.
 inline std::atomic<uint64_t> last_handle = 0;
 
-/**
- * The open objects of a kind. A call shares the object while it works on it: closing the handle
- * takes it out of the table, and the last call that is under way releases it.
- */
+// The open objects of a kind. A call shares the object while it works on it: closing the handle
+// takes it out of the table, and the last call that is under way releases it.
 template<class T>
 class Handles {
 public:
-    /** @return the table of a kind; never destroyed, for threads go on while a process exits. */
+    // @return the table of a kind; never destroyed, for threads go on while a process exits.
     static Handles& table() {
         static auto& only = *new Handles;
         return only;
@@ -34,14 +32,14 @@ public:
         return handle;
     }
 
-    /** @return the object, or null for a handle that is not open. */
+    // @return the object, or null for a handle that is not open.
     std::shared_ptr<T> find(uint64_t handle) {
         const std::scoped_lock lock(mutex_);
         const auto found = objects_.find(handle);
         return found != objects_.end() ? found->second : nullptr;
     }
 
-    /** Closes a handle. @return its object, or null. */
+    // Closes a handle. @return its object, or null.
     std::shared_ptr<T> take(uint64_t handle) {
         const std::scoped_lock lock(mutex_);
         const auto node = objects_.extract(handle);

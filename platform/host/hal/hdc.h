@@ -1,4 +1,4 @@
-/** What the files of the HDC channel share. */
+// What the files of the HDC channel share.
 #ifndef HAL_HDC_H
 #define HAL_HDC_H
 
@@ -18,12 +18,12 @@
 
 namespace hal {
 
-/** Most bytes in one message: the library's longest frame has 4126. */
-constexpr uint32_t max_message = 8192;
+// Most bytes in one message: the library's longest frame has 4126.
+constexpr uint32_t kMaxMessage = 8192;
 
 using FileName = std::array<char, 32>;
 
-/** @return the name of a server's socket. */
+// @return the name of a server's socket.
 inline FileName socket_name(int32_t device_id) {
     FileName name = {};
     std::snprintf(name.data(), name.size(), "hdc-%d", device_id);
@@ -35,7 +35,7 @@ struct Client {
     std::atomic<int32_t> sessions = 0;
 };
 
-/** One connection. A session that was accepted has no client. */
+// One connection. A session that was accepted has no client.
 struct Session {
     explicit Session(std::shared_ptr<Client> of) : client(std::move(of)) {
         if (client)
@@ -60,7 +60,7 @@ using Sessions = Handles<Session>;
 struct HAL_HDC_MSG {
     size_t max_buffers = 0;
     std::vector<iovec> buffers;
-    std::unique_ptr<char[]> received; /**< what the only buffer refers to after a receive */
+    std::unique_ptr<char[]> received; // what the only buffer refers to after a receive
 };
 
 #endif

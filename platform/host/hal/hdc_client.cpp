@@ -1,4 +1,4 @@
-/** HDC clients, which open sessions. */
+// HDC clients, which open sessions.
 #include "hal/codes.h"
 #include "hal/directory.h"
 #include "hal/hdc.h"
@@ -11,9 +11,9 @@
 
 namespace {
 
-using __Clients = hal::Handles<hal::Client>;
+using Clients = hal::Handles<hal::Client>;
 
-/** Connects a session's socket, without waiting. */
+// Connects a session's socket, without waiting.
 int32_t __connect(hal::Session& session, int32_t device_id) {
     const hal::Descriptor directory = hal::open_directory();
     if (!directory)
@@ -42,21 +42,21 @@ int32_t drvHdcClientCreate(HDC_CLIENT* client, int32_t max_sessions, int32_t ser
         return hal::invalid_argument;
     auto created = std::make_shared<hal::Client>();
     created->max_sessions = max_sessions;
-    *client = __Clients::table().add(std::move(created));
+    *client = Clients::table().add(std::move(created));
     return 0;
 } catch (const std::bad_alloc&) {
     return hal::no_memory;
 }
 
 int32_t drvHdcClientDestroy(HDC_CLIENT client) {
-    return __Clients::table().take(client) ? 0 : hal::bad_handle;
+    return Clients::table().take(client) ? 0 : hal::bad_handle;
 }
 
 int32_t drvHdcSessionConnect(int32_t peer_node, int32_t peer_device_id, HDC_CLIENT client,
                              HDC_SESSION* session) try {
     if (peer_node != 0 || peer_device_id < 0 || session == nullptr)
         return hal::invalid_argument;
-    const auto owner = __Clients::table().find(client);
+    const auto owner = Clients::table().find(client);
     if (!owner)
         return hal::bad_handle;
     const hal::CancelGuard guard;

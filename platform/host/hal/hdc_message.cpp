@@ -1,4 +1,4 @@
-/** HDC messages and their buffers. */
+// HDC messages and their buffers.
 #include "hal/codes.h"
 #include "hal/hdc.h"
 
@@ -18,7 +18,7 @@ size_t __length(const HAL_HDC_MSG& msg) {
 int32_t drvHdcGetCapacity(HDC_CAPACITY_ST* capacity) {
     if (capacity == nullptr)
         return hal::invalid_argument;
-    *capacity = {0, hal::max_message};
+    *capacity = {0, hal::kMaxMessage};
     return 0;
 }
 
@@ -42,7 +42,7 @@ int32_t drvHdcAddMsgBuffer(HAL_HDC_MSG* msg, char* buffer, int32_t length) {
     if (msg->buffers.size() == msg->max_buffers)
         return hal::too_many;
     const auto size = static_cast<size_t>(length);
-    if (__length(*msg) + size > hal::max_message)
+    if (__length(*msg) + size > hal::kMaxMessage)
         return hal::too_long;
     msg->buffers.push_back({buffer, size}); // within what was reserved
     return 0;

@@ -1,4 +1,4 @@
-/** HDC servers: a listening socket for each device id. */
+// HDC servers: a listening socket for each device id.
 #include "hal/codes.h"
 #include "hal/directory.h"
 #include "hal/hdc.h"
@@ -14,31 +14,29 @@
 
 namespace {
 
-/** Clients that may wait to be accepted: as many as one client of the library has sessions. */
-constexpr int __backlog = 64;
+// Clients that may wait to be accepted: as many as one client of the library has sessions.
+constexpr int kBacklog = 64;
 
-/** With other users allowed, the session checks who connects, not the socket's file. */
-constexpr mode_t __mode_own = 0600;
-constexpr mode_t __mode_all = 0666;
+// With other users allowed, the session checks who connects, not the socket's file.
+constexpr mode_t kModeOwn = 0600;
+constexpr mode_t kModeAll = 0666;
 
-struct __Server {
+struct Server {
     hal::FileName name = {};
     hal::Descriptor directory;
     hal::Descriptor lock;
     hal::Descriptor listener;
 };
 
-using __Servers = hal::Handles<__Server>;
+using Servers = hal::Handles<Server>;
 
-/**
- * Takes the device id for as long as the process lives. The lock's file is never removed: another
- * process may be about to lock it.
- */
-int32_t __lock(__Server& server) {
+// Takes the device id for as long as the process lives. The lock's file is never removed: another
+// process may be about to lock it.
+int32_t __lock(Server& server) {
     hal::FileName name = {};
     std::snprintf(name.data(), name.size(), "%s.lock", server.name.data());
     server.lock = hal::Descriptor(openat(server.directory.get(), name.data(),
-                                         O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, __mode_own));
+                                         O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kModeOwn));
     if (!server.lock)
         return hal::system_error;
     if (flock(server.lock.get(), LOCK_EX | LOCK_NB) != 0)
@@ -46,7 +44,7 @@ int32_t __lock(__Server& server) {
     return 0;
 }
 
-int32_t __listen(__Server& server) {
+int32_t __listen(Server& server) {
     server.directory = hal::open_directory();
     if (!server.directory)
         return hal::bad_directory;
@@ -54,21 +52,21 @@ int32_t __listen(__Server& server) {
         return code;
     // Under the lock, a socket that lies there is what a killed server left.
     unlinkat(server.directory.get(), server.name.data(), 0);
-    const mode_t mode = hal::setting("DM_HAL_ALLOW_UIDS") != nullptr ? __mode_all : __mode_own;
+    const mode_t mode = hal::setting("DM_HAL_ALLOW_UIDS") != nullptr ? kModeAll : kModeOwn;
     server.listener = hal::bind_socket(SOCK_SEQPACKET, server.directory, server.name.data(), mode);
-    if (!server.listener || listen(server.listener.get(), __backlog) != 0)
+    if (!server.listener || listen(server.listener.get(), kBacklog) != 0)
         return hal::system_error;
     return 0;
 }
 
-/** Says whether accept4(2) failed for a reason that the next wait clears up. */
+// Says whether accept4(2) failed for a reason that the next wait clears up.
 bool __is_passing(int error) {
     return error == EAGAIN || error == EINTR || error == ECONNABORTED ||
            error == EINVAL; // destroyed since the wait
 }
 
-/** Accepts one client. @return would_block when there is none that is allowed. */
-int32_t __accept(const __Server& server, HDC_SESSION* session) {
+// Accepts one client. @return would_block when there is none that is allowed.
+int32_t __accept(const Server& server, HDC_SESSION* session) {
     const hal::CancelGuard guard;
     auto accepted = std::make_shared<hal::Session>(nullptr);
     accepted->socket = hal::Descriptor(
@@ -89,11 +87,11 @@ int32_t drvHdcServerCreate(int32_t device_id, int32_t service_type, HDC_SERVER* 
     if (device_id < 0 || service_type != 0 || server == nullptr)
         return hal::invalid_argument;
     const hal::CancelGuard guard;
-    auto created = std::make_shared<__Server>();
+    auto created = std::make_shared<Server>();
     created->name = hal::socket_name(device_id);
     if (const int32_t code = __listen(*created); code != 0)
         return code;
-    *server = __Servers::table().add(std::move(created));
+    *server = Servers::table().add(std::move(created));
     return 0;
 } catch (const std::bad_alloc&) {
     return hal::no_memory;
@@ -101,7 +99,7 @@ int32_t drvHdcServerCreate(int32_t device_id, int32_t service_type, HDC_SERVER* 
 
 int32_t drvHdcServerDestroy(HDC_SERVER server) {
     const hal::CancelGuard guard;
-    const auto ended = __Servers::table().take(server);
+    const auto ended = Servers::table().take(server);
     if (!ended)
         return hal::bad_handle;
     // An accept that is under way keeps the descriptors open: it is woken, and the device id is
@@ -115,7 +113,7 @@ int32_t drvHdcServerDestroy(HDC_SERVER server) {
 int32_t drvHdcSessionAccept(HDC_SERVER server, HDC_SESSION* session) try {
     if (session == nullptr)
         return hal::invalid_argument;
-    const auto listening = __Servers::table().find(server);
+    const auto listening = Servers::table().find(server);
     if (!listening)
         return hal::bad_handle;
     for (;;) {

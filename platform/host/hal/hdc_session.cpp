@@ -1,4 +1,4 @@
-/** HDC sessions: what goes over them, and what is known of them. */
+// HDC sessions: what goes over them, and what is known of them.
 #include "hal/codes.h"
 #include "hal/directory.h"
 #include "hal/hdc.h"
@@ -14,11 +14,11 @@
 
 namespace {
 
-constexpr int32_t __default_run_env = 1;
+constexpr int32_t kDefaultRunEnv = 1;
 
-/** Where the processes run: what DM_HAL_RUN_ENV says, also a number that has no meaning. */
+// Where the processes run: what DM_HAL_RUN_ENV says, also a number that has no meaning.
 int32_t __run_env() {
-    int32_t value = __default_run_env;
+    int32_t value = kDefaultRunEnv;
     if (const char* text = hal::setting("DM_HAL_RUN_ENV"))
         std::from_chars(text, text + std::strlen(text), value);
     return value;
@@ -37,7 +37,7 @@ int32_t __try_send(const hal::Session& session, HAL_HDC_MSG& msg) {
 
 int32_t __try_receive(const hal::Session& session, HAL_HDC_MSG& msg) {
     const ssize_t size =
-        recv(session.socket.get(), msg.received.get(), hal::max_message, MSG_TRUNC);
+        recv(session.socket.get(), msg.received.get(), hal::kMaxMessage, MSG_TRUNC);
     // A peer that closed with messages unread resets the session, once; what it had sent before is
     // still to be read.
     if (size < 0)
@@ -46,13 +46,13 @@ int32_t __try_receive(const hal::Session& session, HAL_HDC_MSG& msg) {
     // The end of the session: messages without bytes are not sent.
     if (size == 0)
         return hal::peer_gone;
-    if (static_cast<size_t>(size) > hal::max_message)
+    if (static_cast<size_t>(size) > hal::kMaxMessage)
         return hal::too_long;
     msg.buffers.assign(1, {msg.received.get(), static_cast<size_t>(size)});
     return 0;
 }
 
-/** Repeats an attempt that would block until the session is ready for it, or the time is over. */
+// Repeats an attempt that would block until the session is ready for it, or the time is over.
 template<class Attempt>
 int32_t __in_time(const hal::Session& session, short events, uint32_t timeout_ms, Attempt attempt) {
     const auto deadline = hal::Clock::now() + std::chrono::milliseconds(timeout_ms);
@@ -96,7 +96,7 @@ int32_t halHdcRecv(HDC_SESSION session, HAL_HDC_MSG* msg, int32_t /*buffer_lengt
     if (!receiving)
         return hal::bad_handle;
     msg->buffers.clear();
-    msg->received = std::make_unique_for_overwrite<char[]>(hal::max_message);
+    msg->received = std::make_unique_for_overwrite<char[]>(hal::kMaxMessage);
     const int32_t code =
         __in_time(*receiving, POLLIN, timeout_ms, [&] { return __try_receive(*receiving, *msg); });
     *count = static_cast<int32_t>(msg->buffers.size());

@@ -1,4 +1,4 @@
-/** Unix sockets that lie in the directory, and waiting for them. */
+// Unix sockets that lie in the directory, and waiting for them.
 #ifndef HAL_SOCKET_H
 #define HAL_SOCKET_H
 
@@ -14,25 +14,23 @@ namespace hal {
 
 using Clock = std::chrono::steady_clock;
 
-/** @return the address of a socket, by its file's name in the directory. */
+// @return the address of a socket, by its file's name in the directory.
 sockaddr_un address_in(const Descriptor& directory, const char* name);
 
-/** Opens a socket that does not block and that a started program does not inherit. */
+// Opens a socket that does not block and that a started program does not inherit.
 Descriptor open_socket(int type);
 
-/** Opens a socket under a name of its own. @param mode of its file; who may write may send. */
+// Opens a socket under a name of its own. @param mode of its file; who may write may send.
 Descriptor bind_socket(int type, const Descriptor& directory, const char* name, mode_t mode);
 
-/** @return 0 or -1 with errno set, like connect(2). */
+// @return 0 or -1 with errno set, like connect(2).
 int connect_socket(const Descriptor& socket, const Descriptor& directory, const char* name);
 
-/** @return the user of a connected peer, or nothing when that one is not allowed. */
+// @return the user of a connected peer, or nothing when that one is not allowed.
 std::optional<uid_t> allowed_peer(const Descriptor& socket);
 
-/**
- * Waits for events of poll(2), up to a point in time if there is one. A cancellation point.
- * @return the events; 0 when the time is over.
- */
+// Waits for events of poll(2), up to a point in time if there is one. A cancellation point.
+// @return the events; 0 when the time is over.
 short wait_ready(const Descriptor& socket, short events, std::optional<Clock::time_point> deadline);
 
 } // namespace hal
