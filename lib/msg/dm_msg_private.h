@@ -20,15 +20,6 @@ enum class IntfHolder {
 // name: neither a refused record nor a released one is listed.
 int __dm_intf_register(DM_CB_ST* dm_cb, DM_INTF_ST* intf, IntfHolder* holder);
 
-// Copies an interface's name, or the default one, cut to 31 characters. Gives a status.
-inline int __dm_copy_intf_name(char (&copy)[DM_INTF_NAME_LEN], const char* name,
-                               const char* default_name) {
-    const int status =
-        strncpy_s(copy, sizeof(copy), name != nullptr ? name : default_name, DM_INTF_NAME_LEN - 1);
-    copy[DM_INTF_NAME_LEN - 1] = '\0';
-    return status;
-}
-
 // Copies a payload with the given bounds-checked function; an empty one needs no bytes to point at.
 // Gives a status.
 inline int __dm_copy_payload(dm::CopyFunction copy, uint8_t (&dest)[DM_MAX_DATA_LEN],

@@ -3,6 +3,7 @@
 #include "base/descriptor.h"
 #include "base/log.h"
 #include "base/memory.h"
+#include "msg/dm_intf_init.h"
 #include "msg/dm_msg_private.h"
 #include "platform_adapter.h"
 
@@ -187,20 +188,6 @@ int __dm_udp_close(DM_INTF_ST* intf) {
     return 0;
 }
 
-void __fill_slots(DM_INTF_ST* intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER timeout_hndl) {
-    intf->retry_cnt = kRetryCount;
-    intf->timeout_ms = kTimeoutMs;
-    intf->max_data_len = kAdvertisedDataLen;
-    intf->recv_msg = __dm_udp_recv;
-    intf->send_msg = __dm_udp_send;
-    intf->send_msg_ex = __dm_send_msg_ex<__dm_udp_send>;
-    intf->set_retry = __dm_set_retry;
-    intf->get_retry = __dm_get_retry;
-    intf->timeout_hndl = timeout_hndl;
-    intf->close = __dm_udp_close;
-    intf->dm_cb = dm_cb;
-}
-
 // Builds a record with an open socket.
 int dm_udp_init_intf(dm::Owned<DM_INTF_ST>& intf, DM_DATA_HANDLER timeout_hndl, DM_CB_ST* dm_cb,
                      const DM_ADDR_ST* addr, const char* name, uint32_t name_len) {
@@ -212,18 +199,17 @@ int dm_udp_init_intf(dm::Owned<DM_INTF_ST>& intf, DM_DATA_HANDLER timeout_hndl, 
     auto made = dm::allocate<DM_INTF_ST>();
     if (!made)
         return ENOMEM;
-    if (const int status = dm::zero(made.get()); status != 0) {
-        DM_LOG_ERROR("memset_s fail: %d\n", status);
+    if (const int status = __dm_begin_record(made.get(), name, addr); status != 0)
         return status;
-    }
-    if (const int status = __dm_copy_intf_name(made->name, name, kDefaultName); status != 0) {
-        DM_LOG_ERROR("strncpy_s error\n");
-        return status;
-    }
-    made->addr = *addr;
     if (const int status = __dm_udp_open(made.get()); status != 0)
         return status;
-    __fill_slots(made.get(), dm_cb, timeout_hndl);
+    __dm_fill_slots(made.get(), __dm_udp_recv, __dm_udp_send, __dm_send_msg_ex<__dm_udp_send>,
+                    __dm_udp_close);
+    made->retry_cnt = kRetryCount;
+    made->timeout_ms = kTimeoutMs;
+    made->max_data_len = kAdvertisedDataLen;
+    made->timeout_hndl = timeout_hndl;
+    made->dm_cb = dm_cb;
     intf = std::move(made);
     return 0;
 }
@@ -232,16 +218,11 @@ int dm_udp_init_intf(dm::Owned<DM_INTF_ST>& intf, DM_DATA_HANDLER timeout_hndl, 
 int __register_udp(DM_CB_ST* dm_cb, dm::Owned<DM_INTF_ST> intf, DM_INTF_ST** out) {
     const bool closes_itself = __dm_has_name(intf.get(), kDefaultName);
     Socket opened(intf->fd);
-    DM_INTF_ST* record = intf.release();
     IntfHolder holder{};
-    const int status = __dm_intf_register(dm_cb, record, &holder);
-    if (holder == IntfHolder::caller)
-        intf.reset(record);
+    const int status = __dm_register_record(dm_cb, intf, out, &holder);
     // Listed, or closed by its close slot already.
     if (holder == IntfHolder::context || (holder == IntfHolder::nobody && closes_itself))
         opened.release();
-    if (status == 0 && out != nullptr)
-        *out = record;
     return status;
 }
 
@@ -255,14 +236,13 @@ int dm_udp_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER timeout_hndl
         return EINVAL;
     }
     char own_name[DM_INTF_NAME_LEN];
-    if (const int status = __dm_copy_intf_name(own_name, name, kDefaultName); status != 0) {
+    if (const int status = __dm_copy_intf_name(own_name, name != nullptr ? name : kDefaultName);
+        status != 0) {
         DM_LOG_ERROR("strncpy_s error\n");
         return status;
     }
-    if (dm_get_intf(dm_cb, own_name, DM_INTF_NAME_LEN) != nullptr) {
-        DM_LOG_ERROR("duplicate interface [%s]\r\n", own_name);
+    if (__dm_is_duplicate(dm_cb, own_name))
         return EBUSY;
-    }
     dm::Owned<DM_INTF_ST> made;
     const int status =
         dm_udp_init_intf(made, timeout_hndl, dm_cb, addr, own_name, DM_INTF_NAME_LEN);

@@ -1,0 +1,50 @@
+// A pipe that carries whole frames: what the self-loop and HDC share.
+#ifndef DM_FRAME_PIPE_H
+#define DM_FRAME_PIPE_H
+
+#include "dm_msg_intf.h"
+
+#include <cstdint>
+#include <mutex>
+
+namespace dm {
+
+// The writing side. A frame above the pipe's atomic size may be taken in part: the rest is kept
+// here and goes out ahead of everything else. The lock keeps writers from interleaving.
+//
+// Lives in records that are released with free(3): there is nothing to destroy.
+class FramePipe {
+public:
+    static constexpr uint32_t kMaxHeaderLen = 64;
+
+    explicit FramePipe(int wfd) : wfd_(wfd) {}
+
+    // Writes a frame as mmWriteFile() does, but never a part of it alone.
+    int64_t write(const void* frame, uint32_t size);
+
+    // Reads `size` bytes from the other end as mmReadFile() does, all of them: what was kept of a
+    // frame follows as the reading makes room.
+    int64_t read(int fd, void* buffer, uint32_t size);
+
+    // Writes what the pipe takes of the kept rest. True when that was something. Waits for a writer
+    // that is just about to keep a rest. Due after every read: the room is for the rest first, and
+    // the poller then has something to wake for.
+    bool flush();
+
+private:
+    bool __flush_locked();
+    void __keep(const uint8_t* frame, uint32_t begin, uint32_t end);
+
+    int wfd_;
+    std::mutex lock_;
+    uint32_t begin_ = 0; // the rest is rest_[begin_, end_)
+    uint32_t end_ = 0;
+    uint8_t rest_[kMaxHeaderLen + DM_MAX_DATA_LEN];
+};
+
+// Closes both ends, the reading one first. A close that fails is logged.
+void close_pipe(int read_end, int write_end);
+
+} // namespace dm
+
+#endif
