@@ -3,9 +3,7 @@
 #include "support/framework.h"
 #include "support/platform_hooks.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -28,15 +26,9 @@ protected:
         intf_ = context_.selfloop();
     }
 
-    // Receives from a pipe that holds the given bytes.
-    int receive(const void* bytes, size_t size, DM_MSG_ST* msg, int16_t events = POLLIN) {
-        int fds[2];
-        EXPECT_EQ(pipe2(fds, O_NONBLOCK), 0);
-        EXPECT_EQ(write(fds[1], bytes, size), static_cast<ssize_t>(size));
-        const int status = intf_->recv_msg(intf_, fds[0], events, msg);
-        close(fds[0]);
-        close(fds[1]);
-        return status;
+    int receive(const SELF_MSG_ST* frame, size_t size, DM_MSG_ST* msg, int16_t events = POLLIN) {
+        const std::string_view bytes(reinterpret_cast<const char*>(frame), size);
+        return support::receive(intf_, bytes, msg, events);
     }
 
     Context context_;

@@ -1,5 +1,6 @@
 #include "support/framework.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -99,6 +100,16 @@ int send(DM_INTF_ST* intf, std::string_view text, MsgFunction* on_response, DM_A
 
 std::string text_of(const DM_MSG_ST* msg) {
     return {static_cast<const char*>(msg->data.data), msg->data.data_len};
+}
+
+int receive(DM_INTF_ST* intf, std::string_view bytes, DM_MSG_ST* msg, int16_t events) {
+    int fds[2];
+    if (pipe2(fds, O_NONBLOCK) != 0 || write(fds[1], bytes.data(), bytes.size()) < 0)
+        throw std::runtime_error("pipe");
+    const int status = intf->recv_msg(intf, fds[0], events, msg);
+    close(fds[0]);
+    close(fds[1]);
+    return status;
 }
 
 int answer(DM_INTF_ST* intf, DM_MSG_ST* msg, std::string_view text) {

@@ -3,6 +3,8 @@
 
 #include "dm_msg_intf.h"
 
+#include <poll.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -60,6 +62,8 @@ private:
 int send(DM_INTF_ST* intf, std::string_view text, MsgFunction* on_response = nullptr,
          DM_ADDR_ST addr = {});
 std::string text_of(const DM_MSG_ST* msg);
+// Lets an interface read a message from a pipe that holds the given bytes.
+int receive(DM_INTF_ST* intf, std::string_view bytes, DM_MSG_ST* msg, int16_t events = POLLIN);
 // Answers a request with text.
 int answer(DM_INTF_ST* intf, DM_MSG_ST* msg, std::string_view text);
 
