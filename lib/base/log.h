@@ -71,11 +71,14 @@ namespace {
 #define DM_CHECK(condition, text) \
     ((condition) || (dm::log_failed_check(__FILE__, __LINE__, __func__, text), false))
 
-// Writes the error line of a close that failed, with the condition as `text` has it.
-#define DM_ASSERT_CLOSED(status, text)                                     \
-    do {                                                                   \
-        if ((status) != 0)                                                 \
-            DM_LOG_ERROR("[%s %d] Assert:%s\n", __func__, __LINE__, text); \
+// Writes the error line of a condition that does not hold, as `text` has it.
+#define DM_LOG_ASSERT(text) DM_LOG_ERROR("[%s %d] Assert:%s\n", __func__, __LINE__, text)
+
+// The same for a close that failed.
+#define DM_ASSERT_CLOSED(status, text) \
+    do {                               \
+        if ((status) != 0)             \
+            DM_LOG_ASSERT(text);       \
     } while (false)
 
 #endif

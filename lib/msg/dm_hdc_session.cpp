@@ -1,0 +1,232 @@
+#include "msg/dm_hdc_session.h"
+
+#include "base/atomic_field.h"
+#include "base/log.h"
+#include "base/memory.h"
+#include "platform_adapter.h"
+
+#include <pthread.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <utility>
+
+int32_t g_dm_hdc_run = 1;
+
+namespace {
+
+constexpr size_t kStackSize = 131072;
+constexpr useconds_t kPauseUs = 1000;
+constexpr int kRecvAttempts = 5;
+constexpr uint32_t kRecvTimeoutMs = 3000;
+
+static_assert(DM_HDC_HEADER_LEN <= dm::FramePipe::kMaxHeaderLen);
+
+// Channels that stay open although their interface is gone: the HAL may still refer to them.
+std::mutex g_kept_lock;
+HdcChannel* g_kept = nullptr;
+
+// ---- one message of a session ----
+
+int __recv_in_time(HDC_SESSION session, HAL_HDC_MSG* msg) {
+    for (int recv_cnt = 0; recv_cnt < kRecvAttempts; ++recv_cnt) {
+        int32_t count = 0;
+        const int ret =
+            halHdcRecv(session, msg, DM_MAX_DATA_LEN, HAL_HDC_WAIT_TIMEOUT, &count, kRecvTimeoutMs);
+        if (ret != HAL_HDC_TIMEOUT)
+            return ret;
+        DM_LOG_INFO("halHdcRecv timeout recv_cnt:%d\n", recv_cnt);
+    }
+    DM_LOG_ERROR("halHdcRecv timeout.\n");
+    return HAL_HDC_TIMEOUT;
+}
+
+// Receives a message, which then owns the bytes in `buf`.
+int __dm_session_hdc_recv_proc(HDC_SESSION session, HalMsg& msg, char** buf, int32_t* len) {
+    if (const int ret = __hal_msg_make(msg, session); ret != 0)
+        return ret;
+    if (const int ret = __recv_in_time(session, msg.get()); ret != 0)
+        return ret;
+    return drvHdcGetMsgBuffer(msg.get(), 0, buf, len);
+}
+
+int __hdc_write_to_pipe(HdcChannel* channel, const HDC_MSG_ST* frame, uint32_t size) {
+    if (channel->pipe.write(frame, size) >= 0)
+        return 0;
+    const int code = errno;
+    DM_LOG_ERROR("__hdc_write_to_pipe: write fail.errno=%d\r\n", code);
+    return code;
+}
+
+// How many bytes of a peer's message go into the pipe, so that the reader finds there what the
+// header announces and the next frame behind it; 0 when the message is too short for that.
+uint32_t __frame_len(const HDC_MSG_ST* frame, uint32_t received) {
+    if (received < DM_HDC_HEADER_LEN)
+        return 0;
+    if (frame->data_len > DM_MAX_DATA_LEN)
+        return DM_HDC_HEADER_LEN; // the reader refuses it
+    const uint32_t announced = DM_HDC_HEADER_LEN + frame->data_len;
+    return received >= announced ? announced : 0;
+}
+
+// The session field becomes the local handle, which tells the reader where the message came from.
+int __hand_over(HdcChannel* channel, HDC_SESSION session, char* buf, int32_t len) {
+    auto* frame = reinterpret_cast<HDC_MSG_ST*>(buf);
+    const uint32_t size = __frame_len(frame, len > 0 ? static_cast<uint32_t>(len) : 0);
+    if (size == 0) {
+        DM_LOG_ERROR("hdc message of %d bytes is too short\n", len);
+        return -1;
+    }
+    frame->session = session;
+    const std::lock_guard lock(channel->lock);
+    if (!channel->has_intf) {
+        DM_LOG_ASSERT("intf");
+        return -1;
+    }
+    return __hdc_write_to_pipe(channel, frame, size);
+}
+
+bool __has_intf(HdcChannel* channel) {
+    const std::lock_guard lock(channel->lock);
+    return channel->has_intf;
+}
+
+// ---- the thread of a session ----
+
+// What the accept thread hands over to it.
+struct ACCEPTED_ST {
+    HDC_SESSION session;
+    HdcChannel* channel; // a share
+};
+
+void* __dm_server_recv_msg_proc(void* arg) {
+    prctl(PR_SET_NAME, "server_recv_msg_proc");
+    if (arg == nullptr) {
+        DM_LOG_ERROR("input arg is NULL\n");
+        return nullptr;
+    }
+    const dm::Owned<ACCEPTED_ST> accepted(static_cast<ACCEPTED_ST*>(arg));
+    const HdcChannelRef channel(accepted->channel);
+    HalSession session(accepted->session);
+    drvHdcSetSessionReference(session.get());
+    const int ret = __dm_session_recv_proc(channel.get(), session.get());
+    if (ret != 0)
+        DM_LOG_ERROR("__dm_session_recv_proc error: %d.\n", ret);
+    else
+        session.release(); // open until the answer is sent
+    return nullptr;
+}
+
+int __create_session_thread(ACCEPTED_ST* accepted) {
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_attr_setstacksize(&attr, kStackSize);
+    pthread_t thread;
+    const int code = pthread_create(&thread, &attr, __dm_server_recv_msg_proc, accepted);
+    pthread_attr_destroy(&attr);
+    return code;
+}
+
+void __start_session(HdcChannel* channel, HDC_SESSION accepted_session) {
+    HalSession session(accepted_session);
+    auto accepted = dm::allocate<ACCEPTED_ST>();
+    if (!accepted)
+        return;
+    HdcChannelRef share = __hdc_channel_share(channel);
+    *accepted = {session.get(), share.get()};
+    if (const int code = __create_session_thread(accepted.get()); code != 0) {
+        DM_LOG_ERROR("pthread_create fail errno=%d:%s\n", code, strerror(code));
+        drvHdcSessionClose(session.release());
+        usleep(kPauseUs);
+        return;
+    }
+    // All three are the thread's.
+    session.release();
+    static_cast<void>(share.release());
+    static_cast<void>(accepted.release());
+}
+
+} // namespace
+
+int __hdc_channel_make(HdcChannelRef& channel, int wfd) {
+    auto block = dm::allocate<void>(sizeof(HdcChannel));
+    if (!DM_CHECK(block != nullptr, "(intf->channel_cb != ((void *)0))"))
+        return -ENOMEM;
+    if (const int status = memset_s(block.get(), sizeof(HdcChannel), 0, sizeof(HdcChannel));
+        status != 0) {
+        DM_LOG_ERROR("memset_s fail: %d\n", status);
+        return status;
+    }
+    channel.reset(new (block.release()) HdcChannel(wfd));
+    return 0;
+}
+
+void __hdc_channel_unref(HdcChannel* channel) {
+    if (channel->holders.fetch_sub(1) != 1)
+        return;
+    channel->~HdcChannel();
+    std::free(channel);
+}
+
+HdcChannelRef __hdc_channel_share(HdcChannel* channel) {
+    channel->holders.fetch_add(1);
+    return HdcChannelRef(channel);
+}
+
+bool __hdc_channel_detach(HdcChannel* channel) {
+    const std::lock_guard lock(channel->lock);
+    return std::exchange(channel->has_intf, false);
+}
+
+void __hdc_channel_keep(HdcChannelRef channel) {
+    const std::lock_guard lock(g_kept_lock);
+    channel->next = g_kept;
+    g_kept = channel.release();
+}
+
+int __dm_session_recv_proc(HdcChannel* channel, HDC_SESSION session) {
+    if (channel != nullptr && !__has_intf(channel)) {
+        DM_LOG_ASSERT("intf");
+        return -1;
+    }
+    if (session == 0) {
+        DM_LOG_ASSERT("session");
+        return -1;
+    }
+    if (channel == nullptr) {
+        DM_LOG_ASSERT("chan_cb");
+        return -1;
+    }
+    HalMsg msg;
+    char* buf = nullptr;
+    int32_t len = 0;
+    if (const int ret = __dm_session_hdc_recv_proc(session, msg, &buf, &len); ret != 0) {
+        DM_LOG_ERROR("hdc recv error %d \n", ret);
+        return ret;
+    }
+    if (buf == nullptr) {
+        DM_LOG_ASSERT("(hdc_msg != ((void *)0))");
+        msg.release(); // a message in this state is not given back to the HAL
+        return -1;
+    }
+    return __hand_over(channel, session, buf, len);
+}
+
+void* __dm_server_accept_proc(void* arg) {
+    mmSetCurrentThreadName("server_accept");
+    const HdcChannelRef channel(static_cast<HdcChannel*>(arg));
+    while (dm::load(g_dm_hdc_run) != 0) {
+        HDC_SESSION session = 0;
+        if (const int ret = drvHdcSessionAccept(channel->handle, &session); ret != 0) {
+            DM_LOG_ERROR("drvHdcSessionAccept error, hdc errno: %d.\n", ret);
+            usleep(kPauseUs);
+            continue;
+        }
+        __start_session(channel.get(), session);
+    }
+    return nullptr;
+}
