@@ -46,6 +46,15 @@ public:
         return node ? node.mapped() : nullptr;
     }
 
+    // Puts another object behind each handle for whose own one `successor` gives one.
+    template<class Successor>
+    void replace_each(Successor successor) {
+        const std::scoped_lock lock(mutex_);
+        for (auto& [handle, object] : objects_)
+            if (std::shared_ptr<T> next = successor(*object))
+                object = std::move(next);
+    }
+
 private:
     std::mutex mutex_;
     std::map<uint64_t, std::shared_ptr<T>> objects_;

@@ -49,11 +49,16 @@ struct Session {
     }
 
     const std::shared_ptr<Client> client;
-    Descriptor socket;
+    Descriptor socket; // none once it was released
     uid_t peer_uid = 0;
 };
 
 using Sessions = Handles<Session>;
+
+// Gives back the descriptors of accepted sessions whose peer has gone and that hold nothing to
+// read. Their handles stay open: the library closes only sessions that it answers, so the requests
+// that it drops would use up all descriptors.
+void release_gone_sessions();
 
 } // namespace hal
 

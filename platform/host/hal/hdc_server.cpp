@@ -17,6 +17,8 @@ namespace {
 // Clients that may wait to be accepted: as many as one client of the library has sessions.
 constexpr int kBacklog = 64;
 
+constexpr uint32_t kAcceptedBetweenReleases = 128;
+
 // With other users allowed, the session checks who connects, not the socket's file.
 constexpr mode_t kModeOwn = 0600;
 constexpr mode_t kModeAll = 0666;
@@ -78,6 +80,9 @@ int32_t __accept(const Server& server, HDC_SESSION* session) {
         return hal::would_block;
     accepted->peer_uid = *peer;
     *session = hal::Sessions::table().add(std::move(accepted));
+    static std::atomic<uint32_t> accepted_count = 0;
+    if (++accepted_count % kAcceptedBetweenReleases == 0)
+        hal::release_gone_sessions();
     return 0;
 }
 

@@ -24,10 +24,19 @@ int32_t __run_env() {
     return value;
 }
 
+// Says whether an accepted session has a descriptor that nobody needs any more.
+bool __is_gone(const hal::Session& session) {
+    char byte = 0;
+    return session.client == nullptr && session.socket &&
+           recv(session.socket.get(), &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT) == 0;
+}
+
 int32_t __try_send(const hal::Session& session, HAL_HDC_MSG& msg) {
     msghdr header = {};
     header.msg_iov = msg.buffers.data();
     header.msg_iovlen = msg.buffers.size();
+    if (!session.socket)
+        return hal::peer_gone;
     if (sendmsg(session.socket.get(), &header, MSG_NOSIGNAL) >= 0)
         return 0;
     if (errno == EAGAIN || errno == EINTR)
@@ -36,6 +45,8 @@ int32_t __try_send(const hal::Session& session, HAL_HDC_MSG& msg) {
 }
 
 int32_t __try_receive(const hal::Session& session, HAL_HDC_MSG& msg) {
+    if (!session.socket)
+        return hal::peer_gone;
     const ssize_t size =
         recv(session.socket.get(), msg.received.get(), hal::kMaxMessage, MSG_TRUNC);
     // A peer that closed with messages unread resets the session, once; what it had sent before is
@@ -65,6 +76,16 @@ int32_t __in_time(const hal::Session& session, short events, uint32_t timeout_ms
 }
 
 } // namespace
+
+void hal::release_gone_sessions() {
+    Sessions::table().replace_each([](const Session& session) -> std::shared_ptr<Session> {
+        if (!__is_gone(session))
+            return nullptr;
+        auto gone = std::make_shared<Session>(nullptr);
+        gone->peer_uid = session.peer_uid;
+        return gone;
+    });
+}
 
 int32_t drvHdcSessionClose(HDC_SESSION session) {
     const auto closed = hal::Sessions::table().take(session);
