@@ -120,15 +120,17 @@ void* __dm_server_recv_msg_proc(void* arg) {
     return nullptr;
 }
 
-int __create_session_thread(ACCEPTED_ST* accepted) {
+bool __create_session_thread(ACCEPTED_ST* accepted) {
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     pthread_attr_setstacksize(&attr, kStackSize);
     pthread_t thread;
-    const int code = pthread_create(&thread, &attr, __dm_server_recv_msg_proc, accepted);
+    const bool created = pthread_create(&thread, &attr, __dm_server_recv_msg_proc, accepted) == 0;
+    if (!created)
+        DM_LOG_ERROR("pthread_create fail errno=%d:%s\n", errno, strerror(errno));
     pthread_attr_destroy(&attr);
-    return code;
+    return created;
 }
 
 void __start_session(HdcChannel* channel, HDC_SESSION accepted_session) {
@@ -138,8 +140,7 @@ void __start_session(HdcChannel* channel, HDC_SESSION accepted_session) {
         return;
     HdcChannelRef share = __hdc_channel_share(channel);
     *accepted = {session.get(), share.get()};
-    if (const int code = __create_session_thread(accepted.get()); code != 0) {
-        DM_LOG_ERROR("pthread_create fail errno=%d:%s\n", code, strerror(code));
+    if (!__create_session_thread(accepted.get())) {
         drvHdcSessionClose(session.release());
         usleep(kPauseUs);
         return;

@@ -100,7 +100,8 @@ int32_t smbus_msg_send(int32_t fd, const uint8_t* data, uint32_t data_len) {
         !DM_CHECK(data_len <= DM_SMBUS_BLOCK_MAX, "(data_len <= 32)"))
         return -EINVAL;
     if (ioctl(fd, I2C_SLAVE_FORCE, kSlaveAddr) < 0) {
-        DM_LOG_ERROR("__dm_smbus_send: ioctl set slave addr fail:%lx\n", kSlaveAddr);
+        DM_LOG_ERROR("__dm_smbus_send: ioctl set slave addr fail:%x\n",
+                     static_cast<unsigned>(kSlaveAddr));
         return -1;
     }
     i2c_smbus_data block{};
