@@ -37,8 +37,8 @@ private:
     };
 
     void answer(DM_INTF_ST& intf, DM_MSG_ST& msg);
-    Reply reply_to(std::uint32_t command, std::string_view body);
-    Reply reply_with(std::string text);
+    Reply reply_to(std::uint32_t command, std::string_view body, std::size_t max_len);
+    Reply reply_with(std::string text, std::size_t max_len);
     std::string stats_text() const;
     bool send(DM_INTF_ST& intf, DM_MSG_ST& msg, const Reply& reply, std::uint32_t sequence);
 

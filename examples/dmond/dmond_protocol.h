@@ -3,6 +3,10 @@
 // The body of a ping and of its response is whatever the sender likes. All other responses have
 // JSON text for their body; with a status other than ok it is {"error": "the reason"}. The bodies
 // of the other requests are ignored.
+//
+// The device manager's channel (ipc) does not tell answers from requests, so there an answer's code
+// carries kAnswerMark. Its messages have at most 32 bytes: the body of health is {"load": L} there,
+// with the load of the last minute, and that of an error is empty.
 #ifndef DMOND_PROTOCOL_H
 #define DMOND_PROTOCOL_H
 
@@ -37,6 +41,8 @@ struct Header {
 };
 
 static_assert(sizeof(Header) == 12);
+
+inline constexpr std::uint32_t kAnswerMark = 0x80000000;
 
 inline constexpr std::size_t kMaxBodyLen = DM_MAX_DATA_LEN - sizeof(Header);
 

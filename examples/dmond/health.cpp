@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <sstream>
@@ -99,6 +100,14 @@ Json read_health(std::size_t max_len) {
     };
     drop_surplus(health, max_len);
     return health;
+}
+
+std::string short_health(const Json& health) {
+    const Json& load = health.at("load");
+    std::array<char, 21> text{};
+    std::snprintf(text.data(), text.size(), R"({"load":%.2f})",
+                  load.empty() ? 0.0 : load.at(0).get<double>());
+    return text.data();
 }
 
 std::string json_text(const Json& value) {

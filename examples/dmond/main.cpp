@@ -1,9 +1,11 @@
 // dmond, a device-monitor daemon: answers requests for the state of the machine.
 //
 // This file is the whole life of a service on the message framework, in the order of its steps:
-// create a context, register a command handler, open a transport, wait, take everything down.
+// create a context, register a command handler, open the transports, wait, take everything down.
 
 #include "commands.h"
+#include "dm_hdc.h"
+#include "dm_ipc.h"
 #include "dm_msg_intf.h"
 #include "dm_udp.h"
 #include "sampler.h"
@@ -18,6 +20,7 @@
 #include <exception>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -49,42 +52,123 @@ void wait_for_end(const sigset_t& signals, dmond::Sampler& sampler) {
             std::fprintf(stderr, "dmond: cannot create a task for the readings\n");
 }
 
-// Opens the transport, and answers requests until a signal ends the service.
-int serve(DM_CB_ST* context, const sockaddr_in& endpoint, const sigset_t& signals,
+// Where to listen.
+struct Transports {
+    std::string udp;
+    std::optional<sockaddr_in> udp_endpoint;
+    std::optional<std::uint16_t> hdc;
+    std::optional<std::uint16_t> ipc;
+};
+
+void announce(const std::string& url) {
+    std::printf("dmond: listening on %s\n", url.c_str());
+    std::fflush(stdout);
+}
+
+// The transports that are open: at the end they are removed, which waits for a handler that runs.
+class Interfaces {
+public:
+    explicit Interfaces(DM_CB_ST* context) : context_(context) {}
+    Interfaces(const Interfaces&) = delete;
+    Interfaces& operator=(const Interfaces&) = delete;
+    ~Interfaces() noexcept(false) {
+        for (DM_INTF_ST* intf : opened_)
+            dm_intf_deregister(intf);
+    }
+
+    // Gives 0 or the status of the one that could not be opened.
+    int open(const Transports& transports) {
+        if (transports.udp_endpoint)
+            if (const int status = open_udp(*transports.udp_endpoint); status != 0)
+                return fail(status, transports.udp);
+        if (transports.hdc)
+            if (const int status = open_hdc(*transports.hdc); status != 0)
+                return fail(status, "hdc://" + std::to_string(*transports.hdc));
+        if (transports.ipc)
+            if (const int status = open_ipc(*transports.ipc); status != 0)
+                return fail(status, "ipc://" + std::to_string(*transports.ipc));
+        return 0;
+    }
+
+private:
+    static int fail(int status, const std::string& url) {
+        return ::fail(kCannotOpen, "cannot open " + url + ": " + std::strerror(std::abs(status)));
+    }
+
+    int open_udp(const sockaddr_in& endpoint) {
+        DM_INTF_ST* intf = nullptr;
+        DM_ADDR_ST address = udp::to_address(endpoint);
+        const int status = dm_udp_init(&intf, context_, nullptr, &address, nullptr, 0);
+        if (status != 0)
+            return status;
+        opened_.push_back(intf);
+        announce("udp://" + udp::endpoint_text(udp::bound_endpoint(*intf)));
+        return 0;
+    }
+
+    int open_hdc(std::uint16_t device) {
+        DM_HDC_ADDR_ST own{};
+        own.kind = DM_KIND_HDC;
+        own.family = DM_FAMILY_HDC;
+        own.role = DM_HDC_SERVER;
+        own.dev_id = device;
+        own.intf_num = device;
+        DM_ADDR_ST address{};
+        std::memcpy(&address, &own, sizeof address);
+        DM_INTF_ST* intf = nullptr;
+        const int status = dm_hdc_init(&intf, context_, nullptr, &address, nullptr, 0);
+        if (status != 0)
+            return status;
+        opened_.push_back(intf);
+        announce("hdc://" + std::to_string(device));
+        return 0;
+    }
+
+    int open_ipc(std::uint16_t device) {
+        DM_ADDR_ST address{};
+        address.kind = DM_KIND_IPC;
+        address.family = DM_FAMILY_IPC;
+        address.peer_id = device;
+        DM_INTF_ST* intf = nullptr;
+        const int status = dm_ipc_init(&intf, context_, nullptr, &address, nullptr, 0);
+        if (status != 0)
+            return status;
+        opened_.push_back(intf);
+        announce("ipc://" + std::to_string(device));
+        return 0;
+    }
+
+    DM_CB_ST* context_;
+    std::vector<DM_INTF_ST*> opened_;
+};
+
+// Opens the transports, and answers requests until a signal ends the service.
+int serve(DM_CB_ST* context, const Transports& transports, const sigset_t& signals,
           dmond::Sampler& sampler) {
     // The user data is copied, so what is registered is the handler's address. The handler comes
-    // before the transport: no request finds the context without one.
+    // before the transports: no request finds the context without one.
     dmond::CommandHandler handler(sampler);
     dmond::CommandHandler* const user_data = &handler;
     if (dm_cmd_register(context, dmond::CommandHandler::on_message, nullptr, &user_data,
                         sizeof(void*)) != 0)
         return fail(kCannotOpen, "cannot register the command handler");
 
-    DM_INTF_ST* intf = nullptr;
-    DM_ADDR_ST address = udp::to_address(endpoint);
-    if (const int status = dm_udp_init(&intf, context, nullptr, &address, nullptr, 0); status != 0)
-        return fail(kCannotOpen, "cannot open udp://" + udp::endpoint_text(endpoint) + ": " +
-                                     std::strerror(std::abs(status)));
-
-    // From here on requests are answered, on the context's poll thread.
-    std::printf("dmond: listening on udp://%s\n",
-                udp::endpoint_text(udp::bound_endpoint(*intf)).c_str());
-    std::fflush(stdout);
-
-    wait_for_end(signals, sampler);
-
-    // Waits for a handler that is running, so that ours may go when this function returns.
-    dm_intf_deregister(intf);
-    return 0;
+    Interfaces interfaces(context);
+    const int exit_status = interfaces.open(transports);
+    if (exit_status == 0) {
+        // Requests are answered on the context's poll thread.
+        wait_for_end(signals, sampler);
+    }
+    return exit_status;
 }
 
-int run(const sockaddr_in& endpoint, std::chrono::milliseconds interval) {
+int run(const Transports& transports, std::chrono::milliseconds interval) {
     const sigset_t signals = block_signals();
     dmond::Sampler sampler(interval);
     DM_CB_ST* context = nullptr;
     if (dm_init(&context) != 0)
         return fail(kCannotOpen, "cannot start the message framework");
-    const int exit_status = serve(context, endpoint, signals, sampler);
+    const int exit_status = serve(context, transports, signals, sampler);
     dm_destroy(context);
     return exit_status;
 }
@@ -92,10 +176,12 @@ int run(const sockaddr_in& endpoint, std::chrono::milliseconds interval) {
 int run_command_line(int argc, char** argv) {
     CLI::App app("Answers requests for the state of this machine, until SIGINT or SIGTERM. "
                  "SIGHUP begins its sampling anew.");
-    std::string listen_at;
-    app.add_option("--udp", listen_at, "Where to listen; port 0 lets the system choose one")
-        ->type_name("ADDR:PORT")
-        ->required();
+    Transports transports;
+    app.add_option("--udp", transports.udp, "Listen here; port 0 lets the system choose one")
+        ->type_name("ADDR:PORT");
+    app.add_option("--hdc", transports.hdc, "Be the HDC server of this device id")->type_name("N");
+    app.add_option("--ipc", transports.ipc, "Answer on the device manager's channel for this id")
+        ->type_name("N");
     std::uint32_t interval_ms = 10000;
     app.add_option("--interval", interval_ms, "Take the readings this often, when nobody asks")
         ->type_name("MS")
@@ -111,10 +197,12 @@ int run_command_line(int argc, char** argv) {
         return fail(kWrongUsage, error.what());
     }
 
-    const std::optional<sockaddr_in> endpoint = udp::parse_endpoint(listen_at);
-    if (!endpoint)
+    if (transports.udp.empty() && !transports.hdc && !transports.ipc)
+        return fail(kWrongUsage, "nowhere to listen: give --udp, --hdc or --ipc");
+    transports.udp_endpoint = udp::parse_endpoint(transports.udp);
+    if (!transports.udp.empty() && !transports.udp_endpoint)
         return fail(kWrongUsage, "--udp takes an IPv4 address and a port, such as 127.0.0.1:7400");
-    return run(*endpoint, std::chrono::milliseconds(interval_ms));
+    return run(transports, std::chrono::milliseconds(interval_ms));
 }
 
 } // namespace

@@ -19,6 +19,9 @@ Json read_info();
 // bytes, and says so with "truncated": true.
 Json read_health(std::size_t max_len);
 
+// The load of the last minute alone, as text of at most 20 bytes.
+std::string short_health(const Json& health);
+
 Json read_filesystems();
 Json read_temperatures();
 Json read_fans();

@@ -9,6 +9,7 @@
 #include <pthread.h>
 
 #include <array>
+#include <atomic>
 #include <bit>
 #include <exception>
 #include <stdexcept>
@@ -25,7 +26,8 @@ constexpr std::uint64_t kStackSize = 262144;
 constexpr std::uint64_t kOrders = 16;
 constexpr std::uint32_t kQueueMode = 9;
 constexpr std::uint32_t kBeginMs = 1000;
-constexpr std::uint32_t kStopMs = 5000; // a reading may hang for good
+constexpr std::uint64_t kStopMs = 5000; // a reading may hang for good
+constexpr std::uint64_t kLookMs = 10;
 constexpr std::chrono::seconds kFresh{1};
 
 // An order to take a sample before it is due. There is nothing to say with it.
@@ -131,9 +133,10 @@ struct Sampler::State : std::enable_shared_from_this<Sampler::State> {
     const std::chrono::milliseconds interval;
     OrderQueue orders;
     Semaphore begun{"bgun", 0};
-    Semaphore ended{"endd", 0};
+    std::atomic<bool> ended{false};
     Semaphore guard{"smpl", 1}; // of what follows
     std::string text;
+    std::string short_text;
     Clock::time_point taken;
 };
 
@@ -142,7 +145,8 @@ void Sampler::State::run(std::uint64_t arg, std::uint64_t, std::uint64_t, std::u
         explicit Run(std::shared_ptr<State> of) : state(std::move(of)) { state->begun.give(); }
         Run(const Run&) = delete;
         Run& operator=(const Run&) = delete;
-        ~Run() { state->ended.give(); }
+        // While the task is being killed: no call that it could be killed in.
+        ~Run() { state->ended = true; }
         std::shared_ptr<State> state;
     };
     const Run run(std::bit_cast<State*>(arg)->shared_from_this());
@@ -156,9 +160,12 @@ void Sampler::State::run(std::uint64_t arg, std::uint64_t, std::uint64_t, std::u
 void Sampler::State::take_sample() {
     const KillingOff off;
     try {
-        std::string read = json_text(read_health(kMaxBodyLen));
+        const Json health = read_health(kMaxBodyLen);
+        std::string all = json_text(health);
+        std::string load = short_health(health);
         const Hold hold(guard);
-        text.swap(read);
+        text.swap(all);
+        short_text.swap(load);
         taken = Clock::now();
     } catch (const std::exception&) {
         // The sample before stays the newest.
@@ -177,6 +184,7 @@ Sampler::~Sampler() {
 }
 
 bool Sampler::start() {
+    state_->ended = false;
     const std::array<std::uint64_t, 4> args{std::bit_cast<std::uint64_t>(state_.get())};
     if (vos_create_task("sampler", &task_no_, State::run, kPriority, kStackSize, args.data()) != 0)
         return false;
@@ -187,8 +195,10 @@ bool Sampler::start() {
 }
 
 void Sampler::stop() {
-    if (vos_delete_task(task_no_) == 0)
-        state_->ended.take_within(kStopMs);
+    if (vos_delete_task(task_no_) != 0)
+        return;
+    for (std::uint64_t waited = 0; !state_->ended && waited < kStopMs; waited += kLookMs)
+        vos_task_delay(kLookMs);
 }
 
 bool Sampler::restart() {
@@ -196,11 +206,11 @@ bool Sampler::restart() {
     return start();
 }
 
-std::string Sampler::newest() {
+std::string Sampler::newest(std::size_t max_len) {
     const Hold hold(state_->guard);
     if (Clock::now() - state_->taken > kFresh)
         state_->orders.put();
-    return state_->text;
+    return state_->text.size() <= max_len ? state_->text : state_->short_text;
 }
 
 } // namespace dmond

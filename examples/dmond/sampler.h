@@ -4,6 +4,7 @@
 #define DMOND_SAMPLER_H
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -18,9 +19,9 @@ public:
     Sampler& operator=(const Sampler&) = delete;
     ~Sampler();
 
-    // The newest sample, as JSON text of at most kMaxBodyLen bytes. One that is not fresh any more
-    // is given all the same, and the next one ordered.
-    std::string newest();
+    // The newest sample as JSON text of at most `max_len` bytes: all of it, or the load alone. One
+    // that is not fresh any more is given all the same, and the next one ordered.
+    std::string newest(std::size_t max_len);
 
     // Kills the task, wherever it waits, and creates it again. Requests go on being answered out of
     // the newest sample. False when there is no new task.
