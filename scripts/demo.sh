@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, starts the sample daemon on a free loopback port, asks it
-# something through the command-line client, and stops it.
+# Installs what is missing, builds, starts the sample daemon on its transports, asks it something
+# through the command-line client over each of them, and stops it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/prepare.sh
@@ -9,12 +9,17 @@ install_packages "${packages_build[@]}"
 build release -DDM_BUILD_TESTS=OFF -DDM_BUILD_BENCH=OFF | tail -n 1
 
 # Port 0 lets the system choose; the daemon says which one it is when it is ready.
-coproc DMOND { exec build/bin/dmond --udp 127.0.0.1:0; }
+# The sockets of the other two lie in a directory of their own.
+DM_HAL_DIR=$(mktemp -d)
+export DM_HAL_DIR
+coproc DMOND { exec build/bin/dmond --udp 127.0.0.1:0 --hdc 0 --ipc 1; }
 daemon=$DMOND_PID
-trap 'kill "$daemon" 2>/dev/null || true' EXIT
-read -r -t 30 ready <&"${DMOND[0]}"
-url=${ready##* }
-echo "$ready"
+trap 'kill "$daemon" 2>/dev/null || true; rm -rf "$DM_HAL_DIR"' EXIT
+for transport in udp hdc ipc; do
+    read -r -t 30 ready <&"${DMOND[0]}"
+    echo "$ready"
+    [ $transport != udp ] || url=${ready##* }
+done
 
 show() {
     echo
@@ -24,9 +29,12 @@ show() {
 show "$url" info
 show "$url" health
 show "$url" ping --data hello --count 5 --interval 200
+show hdc://0 tasks
+show hdc://0 ping --data hello --count 3 --interval 200
+show ipc://1 health
+show ipc://1 ping --data hello --count 3 --interval 200
 
 kill -TERM "$daemon"
 wait "$daemon"
-trap - EXIT
 echo
 echo "dmond stopped."

@@ -2,12 +2,12 @@
 #ifndef DMCAT_CLIENT_H
 #define DMCAT_CLIENT_H
 
-#include "context.h"
 #include "mailbox.h"
+#include "options.h"
 
 #include <chrono>
 #include <cstdint>
-#include <netinet/in.h>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -17,39 +17,41 @@ struct Reply {
     enum class Kind {
         response,
         oversized, // a response that announces more than a message can hold, and has no data
-        timed_out
+        timed_out,
+        not_sent,
     };
 
     Kind kind = Kind::response;
     std::uint32_t sequence = 0;
     std::chrono::microseconds round_trip{}; // from the first sending of the request
-    sockaddr_in from{};
+    std::string from;                       // a URL
     std::string data;
 };
 
 class Client {
 public:
     // Opens an interface of its own; throws std::runtime_error when it cannot.
-    Client(const sockaddr_in& peer, std::uint32_t timeout_ms, std::int32_t retry);
+    static std::unique_ptr<Client> open(const Options& options);
 
-    // Sends a request, which has one reply later. Gives false when it cannot.
-    bool send(std::uint32_t sequence, std::string message);
+    Client() = default;
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+    virtual ~Client() noexcept(false) = default;
+
+    // Sends a request, which has one reply later.
+    virtual void send(std::uint32_t sequence, std::string message) = 0;
 
     // Waits for a reply, until the deadline if there is one. Gives none when it has passed, or when
     // a signal came.
-    std::optional<Reply> take_reply(std::optional<Clock::time_point> deadline);
+    std::optional<Reply> take_reply(std::optional<Clock::time_point> deadline) {
+        return mailbox_.take(deadline);
+    }
 
     // True once SIGINT or SIGTERM came.
     bool interrupted() { return mailbox_.stopped(); }
 
-private:
-    static int on_response(DM_INTF_ST* intf, DM_MSG_ST* msg, void* user_data,
-                           int32_t user_data_len);
-
-    DM_ADDR_ST peer_;
+protected:
     Mailbox<Reply> mailbox_;
-    Context context_; // goes first: its callbacks use the mailbox
-    DM_INTF_ST& udp_;
 };
 
 } // namespace dmcat

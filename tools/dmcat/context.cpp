@@ -1,6 +1,8 @@
 #include "context.h"
 
-#include "udp_endpoint.h"
+#include "dm_hdc.h"
+#include "dm_ipc.h"
+#include "dm_udp.h"
 
 #include <cerrno>
 #include <csignal>
@@ -47,9 +49,9 @@ Context::Context(std::function<void()> on_signal) : Context() {
 }
 
 Context::~Context() noexcept(false) {
-    if (udp_ != nullptr)
-        dm_intf_deregister(udp_); // waits for its callbacks
-    dm_destroy(dm_);              // gives the signal's more time than it takes
+    if (intf_ != nullptr)
+        dm_intf_deregister(intf_); // waits for its callbacks
+    dm_destroy(dm_);               // gives the signal's more time than it takes
     close(signal_fd_);
 }
 
@@ -58,13 +60,28 @@ void Context::handle_requests(DM_MSG_HANDLER handler, void* user_data) {
             "cannot register the command handler");
 }
 
-DM_INTF_ST& Context::open_udp(const sockaddr_in& endpoint, DM_DATA_HANDLER timeout_hndl) {
-    DM_ADDR_ST address = udp::to_address(endpoint);
-    const int status = dm_udp_init(&udp_, dm_, timeout_hndl, &address, nullptr, 0);
-    require(status, "cannot open udp://" + udp::endpoint_text(endpoint) + ": " +
-                        std::strerror(std::abs(status)));
+int Context::init(const Endpoint& own, Role role, DM_DATA_HANDLER timeout_hndl) {
+    DM_ADDR_ST address = own.address();
+    if (own.transport == Endpoint::Transport::udp)
+        return dm_udp_init(&intf_, dm_, timeout_hndl, &address, nullptr, 0);
+    if (own.transport == Endpoint::Transport::ipc)
+        return dm_ipc_init(&intf_, dm_, timeout_hndl, &address, nullptr, 0);
+    DM_HDC_ADDR_ST hdc{};
+    std::memcpy(&hdc, &address, sizeof hdc);
+    hdc.role = role == Role::server ? DM_HDC_SERVER : DM_HDC_CLIENT;
+    hdc.intf_num = own.device;
+    std::memcpy(&address, &hdc, sizeof hdc);
+    return dm_hdc_init(&intf_, dm_, timeout_hndl, &address, nullptr, 0);
+}
+
+DM_INTF_ST& Context::open(const Endpoint& own, Role role, DM_DATA_HANDLER timeout_hndl) {
+    const int status = init(own, role, timeout_hndl);
+    require(status, "cannot open " + own.url() +
+                        (own.transport == Endpoint::Transport::udp
+                             ? std::string(": ") + std::strerror(std::abs(status))
+                             : ", code " + std::to_string(status)));
     await_next_pass();
-    return *udp_;
+    return *intf_;
 }
 
 // Waits until the poll thread has ended the wait under way, during which it sees no new descriptor.

@@ -1,12 +1,11 @@
-// A context of the message framework with one UDP interface, which also watches for signals.
+// A context of the message framework with one interface, which also watches for signals.
 #ifndef DMCAT_CONTEXT_H
 #define DMCAT_CONTEXT_H
 
-#include "dm_msg_intf.h"
+#include "endpoint.h"
 
 #include <cstdint>
 #include <functional>
-#include <netinet/in.h>
 #include <semaphore>
 
 namespace dmcat {
@@ -23,18 +22,23 @@ public:
     // lets a cancelled thread unwind.
     ~Context() noexcept(false);
 
-    // Hands all requests to a handler, with `user_data` as its user data. Comes before open_udp().
+    // Hands all requests to a handler, with `user_data` as its user data. Comes before open().
     void handle_requests(DM_MSG_HANDLER handler, void* user_data);
 
     // Gives the interface, which stays the context's, once the poll thread watches it. What arrived
     // before would lie unread until the thread's wait ends, and its round trip would be too long.
-    // `timeout_hndl` is dm_udp_init()'s.
-    DM_INTF_ST& open_udp(const sockaddr_in& endpoint, DM_DATA_HANDLER timeout_hndl);
+    // `timeout_hndl` is dm_udp_init()'s and the others'.
+    enum class Role { client, server };
+    DM_INTF_ST& open(const Endpoint& own, Role role, DM_DATA_HANDLER timeout_hndl);
+
+    // For timers.
+    POLLER_ST* poller() const { return dm_->poller; }
 
 private:
     // The public constructor delegates to it, so that the destructor follows when that one fails.
     Context() = default;
 
+    int init(const Endpoint& own, Role role, DM_DATA_HANDLER timeout_hndl);
     void await_next_pass();
     static int pass_ended(std::uint32_t interval_ms, std::int32_t elapsed_ms, void* user_data,
                           std::uint32_t user_data_len);
@@ -44,7 +48,7 @@ private:
     std::binary_semaphore pass_ended_{0};
     int signal_fd_ = -1;
     DM_CB_ST* dm_ = nullptr;
-    DM_INTF_ST* udp_ = nullptr;
+    DM_INTF_ST* intf_ = nullptr;
 };
 
 } // namespace dmcat

@@ -36,9 +36,11 @@ int run_listener(const Options& options) {
     Echoes echoes;
     Context context([&echoes] { echoes.stop(); });
     context.handle_requests(echo, &echoes);
-    const DM_INTF_ST& udp = context.open_udp(options.endpoint, nullptr);
-    std::fprintf(stderr, "dmcat: listening on udp://%s\n",
-                 udp::endpoint_text(udp::bound_endpoint(udp)).c_str());
+    const DM_INTF_ST& intf = context.open(options.endpoint, Context::Role::server, nullptr);
+    Endpoint bound = options.endpoint;
+    if (bound.transport == Endpoint::Transport::udp)
+        bound.socket = udp::bound_endpoint(intf); // with the port that the system chose
+    std::fprintf(stderr, "dmcat: listening on %s\n", bound.url().c_str());
 
     std::uint64_t answered = 0;
     const std::uint64_t wanted = options.series ? options.count : 0;

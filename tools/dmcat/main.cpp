@@ -5,6 +5,7 @@
 #include "listener.h"
 #include "options.h"
 #include "series.h"
+#include "smbus.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -26,6 +27,8 @@ int main(int argc, char** argv) {
         const auto options = dmcat::parse_options(argc, argv);
         if (!options)
             return 0;
+        if (options->smbus != dmcat::Options::Smbus::no)
+            return dmcat::run_smbus(*options);
         return options->listen ? dmcat::run_listener(*options) : dmcat::run_series(*options);
     } catch (const dmcat::UsageError& error) {
         return fail(dmcat::kWrongUsage, error);

@@ -1,8 +1,9 @@
 #include "options.h"
 
+#include "dm_ipc.h"
+#include "dm_smbus.h"
 #include "exit_status.h"
 #include "payload.h"
-#include "udp_endpoint.h"
 
 #include <CLI/CLI.hpp>
 
@@ -38,9 +39,16 @@ A request that is not answered is sent RETRY more times, TIMEOUT ms apart. A ser
 wait for a reply before it sends the next request, unless the interval is 0. SIGINT ends it,
 and requests under way are not counted then. Round trips are measured from the first sending.
 
+On HDC a request that finds no server keeps trying until it times out; by default it is sent
+once and waits 20 s. On IPC a message has at most 32 bytes, so a body has 20, and only commands
+can be sent. "dmcat smbus send HEX" writes a block of at most 32 bytes to the device on the
+SMBus, and "dmcat smbus recv" reads one.
+
 Examples:
   dmcat udp://127.0.0.1:7400 health
   dmcat udp://127.0.0.1:7400 ping --count 10 --interval 200
+  dmcat hdc://0 info
+  dmcat ipc://1 health
   dmcat --listen udp://127.0.0.1:7401 --echo
 
 Exit status:
@@ -50,10 +58,13 @@ Exit status:
   3  cannot open, send, read or write
   4  answered, but at least once with an error status or with no message of a dmond)";
 
+using Transport = Endpoint::Transport;
+
 // The values as they stand on the command line.
 struct Line {
     std::string url;
     std::string command;
+    std::string block;
     std::string listen;
     bool echo = false;
     std::optional<std::string> data;
@@ -71,15 +82,13 @@ std::optional<dmond::Command> to_command(const std::string& text) {
                      "': ping, info, health, stats and tasks are known");
 }
 
-sockaddr_in to_endpoint(const std::string& url, bool any_port) {
-    constexpr std::string_view kScheme = "udp://";
-    if (url.starts_with(kScheme)) {
-        const auto endpoint = udp::parse_endpoint(url.substr(kScheme.size()));
-        if (endpoint && (endpoint->sin_port != 0 || any_port))
-            return *endpoint;
-    }
+Endpoint to_endpoint(const std::string& url, bool any_port) {
+    const auto endpoint = parse_url(url);
+    const bool udp = endpoint && endpoint->transport == Transport::udp;
+    if (endpoint && (!udp || any_port || endpoint->socket.sin_port != 0))
+        return *endpoint;
     throw UsageError("'" + url + "' is not udp://ADDR:PORT with an IPv4 address or localhost and " +
-                     "a port from " + (any_port ? "0" : "1") + " to 65535");
+                     "a port from " + (any_port ? "0" : "1") + " to 65535, nor hdc://N or ipc://N");
 }
 
 std::string to_payload(const Line& line, std::size_t max_len) {
@@ -110,6 +119,8 @@ struct Parser {
     Options options;
     CLI::Option* count = nullptr;
     CLI::Option* interval = nullptr;
+    CLI::Option* timeout = nullptr;
+    CLI::Option* retry = nullptr;
     std::vector<CLI::Option*> payloads;
     std::vector<CLI::Option*> for_requests; // have no meaning with --listen
 };
@@ -131,9 +142,12 @@ CLI::Option* Parser::add_number(const char* name, auto& value, auto min, auto ma
 
 void Parser::add_modes() {
     for_requests = {
-        app.add_option("URL", line.url, "The peer, udp://ADDR:PORT")->type_name(""),
+        app.add_option("URL", line.url, "The peer: udp://ADDR:PORT, hdc://N or ipc://N")
+            ->type_name(""),
         app.add_option("COMMAND", line.command,
                        "ping (answered with its own body), info, health, stats or tasks")
+            ->type_name(""),
+        app.add_option("BLOCK", line.block, "With smbus send: the bytes, two digits each")
             ->type_name(""),
     };
     app.add_option("--listen", line.listen,
@@ -158,11 +172,11 @@ void Parser::add_payload() {
 void Parser::add_series() {
     interval = add_number("--interval", options.interval_ms, 0U, kMaxMs, "MS",
                           "Time from one request of a series to the next");
-    CLI::Option* timeout = add_number("--timeout", options.timeout_ms, 1U, kMaxMs, "MS",
-                                      "Time until a request is sent again");
-    CLI::Option* retry = add_number("--retry", options.retry, 0, kMaxRetry, "N",
-                                    "How often it is sent again; it times out with its\nlast "
-                                    "sending, or with 0 after one TIMEOUT");
+    timeout = add_number("--timeout", options.timeout_ms, 1U, kMaxMs, "MS",
+                         "Time until a request is sent again");
+    retry = add_number("--retry", options.retry, 0, kMaxRetry, "N",
+                       "How often it is sent again; it times out with its\nlast "
+                       "sending, or with 0 after one TIMEOUT");
     for (CLI::Option* option : {interval, timeout, retry})
         for_requests.push_back(option->capture_default_str());
     for_requests.push_back(app.add_flag("--json", options.json, "Print one JSON object a reply"));
@@ -181,14 +195,50 @@ void Parser::check_combination() const {
         throw UsageError("--interval needs --count");
 }
 
+void complete_smbus(Options& options, const Line& line) {
+    if (line.command == "recv" && line.block.empty()) {
+        options.smbus = Options::Smbus::receive;
+        return;
+    }
+    if (line.command != "send")
+        throw UsageError("smbus takes: send HEX, or recv");
+    options.smbus = Options::Smbus::send;
+    options.payload = parse_hex(line.block);
+    if (options.payload.size() > DM_SMBUS_BLOCK_MAX)
+        throw UsageError("a block has at most " + std::to_string(DM_SMBUS_BLOCK_MAX) + " bytes");
+}
+
 void complete_client(Options& options, const Line& line) {
     if (line.url.empty())
-        throw UsageError("no destination: give udp://ADDR:PORT");
+        throw UsageError("no destination: give udp://ADDR:PORT, hdc://N or ipc://N");
     options.endpoint = to_endpoint(line.url, false);
     options.command = to_command(line.command);
+    if (!line.block.empty())
+        throw UsageError("unexpected '" + line.block + "'");
     if (!options.command && !line.data && !line.hex && !line.file)
         throw UsageError("nothing to send: give a command or a payload");
-    options.payload = to_payload(line, options.command ? dmond::kMaxBodyLen : DM_MAX_DATA_LEN);
+    const bool ipc = options.endpoint.transport == Transport::ipc;
+    if (ipc && !options.command)
+        throw UsageError("only commands can be sent on ipc://");
+    const std::size_t max_len = ipc ? DM_IPC_MAX_LEN : DM_MAX_DATA_LEN;
+    options.payload = to_payload(line, options.command ? max_len - sizeof(dmond::Header) : max_len);
+}
+
+void complete_listener(Options& options, const Line& line) {
+    options.endpoint = to_endpoint(line.listen, true);
+    // What is echoed on a channel without types would be echoed for ever.
+    if (options.endpoint.transport == Transport::ipc)
+        throw UsageError("ipc:// cannot be listened on");
+}
+
+// A sending over HDC keeps trying by itself, as long as it is given time.
+void complete_times(Options& options, const Parser& parser) {
+    if (options.listen || options.endpoint.transport != Transport::hdc)
+        return;
+    if (parser.timeout->count() == 0)
+        options.timeout_ms = 20000;
+    if (parser.retry->count() == 0)
+        options.retry = 0;
 }
 
 } // namespace
@@ -207,11 +257,16 @@ std::optional<Options> parse_options(int argc, char** argv) {
     Options options = parser.options;
     options.listen = parser.line.echo;
     options.series = parser.count->count() != 0;
+    if (parser.line.url == "smbus") {
+        complete_smbus(options, parser.line);
+        return options;
+    }
     if (options.listen)
-        options.endpoint = to_endpoint(parser.line.listen, true);
+        complete_listener(options, parser.line);
     else
         complete_client(options, parser.line);
-    options.url = "udp://" + udp::endpoint_text(options.endpoint);
+    complete_times(options, parser);
+    options.url = options.endpoint.url();
     return options;
 }
 

@@ -3,18 +3,21 @@
 #define DMCAT_OPTIONS_H
 
 #include "dmond_protocol.h"
+#include "endpoint.h"
 
 #include <cstdint>
-#include <netinet/in.h>
 #include <optional>
 #include <string>
 
 namespace dmcat {
 
 struct Options {
+    enum class Smbus { no, send, receive };
+
+    Smbus smbus = Smbus::no; // otherwise only the payload counts
     bool listen = false;
-    sockaddr_in endpoint{}; // the peer, or where to listen
-    std::string url;        // the same, for messages
+    Endpoint endpoint; // the peer, or where to listen
+    std::string url;   // the same, for messages
 
     std::optional<dmond::Command> command; // none: the payload is the whole message
     std::string payload;

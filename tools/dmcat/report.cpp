@@ -2,7 +2,6 @@
 
 #include "exit_status.h"
 #include "payload.h"
-#include "udp_endpoint.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -88,9 +87,8 @@ void Report::add_answer(const Reply& reply) {
         ++wrong_;
 
     if (options_.json) {
-        Json object{{"seq", reply.sequence},
-                    {"from", udp::endpoint_text(reply.from)},
-                    {"rtt_us", reply.round_trip.count()}};
+        Json object{
+            {"seq", reply.sequence}, {"from", reply.from}, {"rtt_us", reply.round_trip.count()}};
         if (answer.status)
             object["status"] = *answer.status;
         if (!answer.error.empty())
@@ -103,7 +101,7 @@ void Report::add_answer(const Reply& reply) {
         print_body(answer);
     }
     if (!options_.series && !answer.error.empty())
-        print_error(udp::endpoint_text(reply.from) + " answered with " + answer.error);
+        print_error(reply.from + " answered with " + answer.error);
 }
 
 // As it came; on a terminal so that it can be read.
@@ -116,7 +114,7 @@ void Report::print_body(const Answer& answer) {
 }
 
 void Report::print_line(const Reply& reply, const Answer& answer) {
-    print(std::to_string(reply.data.size()) + " bytes from " + udp::endpoint_text(reply.from) +
+    print(std::to_string(reply.data.size()) + " bytes from " + reply.from +
           ": seq=" + std::to_string(reply.sequence) + " time=" + to_ms(reply.round_trip) + " ms" +
           (answer.error.empty() ? "" : " (" + answer.error + ")") + "\n");
 }

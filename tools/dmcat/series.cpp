@@ -59,17 +59,19 @@ private:
 } // namespace
 
 int run_series(const Options& options) {
-    Client client(options.endpoint, options.timeout_ms, options.retry);
+    const std::unique_ptr<Client> client = Client::open(options);
     Report report(options);
     Schedule schedule(options);
     bool failed = false;
-    while (!schedule.is_over() && !client.interrupted() && !failed) {
+    while (!schedule.is_over() && !client->interrupted()) {
         if (schedule.may_send()) {
             const std::uint32_t sequence = schedule.take_next();
-            failed =
-                !client.send(sequence, make_request(options.command, sequence, options.payload));
+            client->send(sequence, make_request(options.command, sequence, options.payload));
             report.add_sent();
-        } else if (const auto reply = client.take_reply(schedule.deadline())) {
+        } else if (const auto reply = client->take_reply(schedule.deadline())) {
+            failed = reply->kind == Reply::Kind::not_sent;
+            if (failed)
+                break;
             schedule.add_reply();
             report.add(*reply);
         }
