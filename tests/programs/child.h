@@ -60,7 +60,16 @@ public:
             close(stream.fd < 0 ? ~stream.fd : stream.fd);
     }
 
+    pid_t pid() const { return pid_; }
     void send_signal(int signal) const { kill(pid_, signal); }
+
+    // Waits until standard output holds the text. False when it ended before.
+    bool await_text(const std::string& text) {
+        while (out_.find(text) == std::string::npos)
+            if (!pump())
+                return false;
+        return true;
+    }
 
     // The first line on standard output, or on standard error.
     std::string await_line(int stream = STDOUT_FILENO) {

@@ -66,7 +66,7 @@ TEST(Dmcat, EchoesAndSendsAnyPayload) {
     EXPECT_EQ(dmcat_once({url, "--file", path}).out, bytes);
     const Outcome no_dmond = dmcat_once({url, "ping"});
     EXPECT_EQ(no_dmond.status, 4);
-    EXPECT_EQ(no_dmond.err, "dmcat: " + url.substr(6) + " answered with status 1\n");
+    EXPECT_EQ(no_dmond.err, "dmcat: " + url + " answered with status 1\n");
     EXPECT_EQ(echo.wait().status, 0);
 
     // With a command there is less room.
