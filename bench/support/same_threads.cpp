@@ -2,8 +2,13 @@
 // the threads that it is compared with.
 #include "platform_adapter.h"
 
+#include <dlfcn.h>
+
 #include <cerrno>
 
-int mmCreateTaskWithThreadAttr(MM_THREAD*, const MM_USER_BLOCK_ST*, const MM_THREAD_ATTR_ST*) {
-    return EPERM;
+int mmCreateTaskWithThreadAttr(MM_THREAD* thread, const MM_USER_BLOCK_ST* block,
+                               const MM_THREAD_ATTR_ST* attr) {
+    static auto* const real = reinterpret_cast<decltype(&mmCreateTaskWithThreadAttr)>(
+        dlsym(RTLD_NEXT, "mmCreateTaskWithThreadAttr"));
+    return attr->policy_flag != 0 ? EPERM : real(thread, block, attr);
 }
