@@ -44,12 +44,18 @@ sigset_t block_signals() {
     return signals;
 }
 
-// Waits for a signal that ends the service. SIGHUP begins the sampling anew.
-void wait_for_end(const sigset_t& signals, dmond::Sampler& sampler) {
-    int signal = 0;
-    while (sigwait(&signals, &signal) == 0 && signal == SIGHUP)
-        if (!sampler.restart())
+// Waits for a signal that ends the service, and has a sample taken every now and then. SIGHUP
+// begins the sampling anew.
+void wait_for_end(const sigset_t& signals, dmond::Sampler& sampler, const timespec& interval) {
+    for (;;) {
+        const int signal = sigtimedwait(&signals, nullptr, &interval);
+        if (signal == SIGINT || signal == SIGTERM)
+            return;
+        if (signal != SIGHUP)
+            sampler.order();
+        else if (!sampler.restart())
             std::fprintf(stderr, "dmond: cannot create a task for the readings\n");
+    }
 }
 
 // Where to listen.
@@ -144,7 +150,7 @@ private:
 
 // Opens the transports, and answers requests until a signal ends the service.
 int serve(DM_CB_ST* context, const Transports& transports, const sigset_t& signals,
-          dmond::Sampler& sampler) {
+          dmond::Sampler& sampler, const timespec& interval) {
     // The user data is copied, so what is registered is the handler's address. The handler comes
     // before the transports: no request finds the context without one.
     dmond::CommandHandler handler(sampler);
@@ -157,18 +163,18 @@ int serve(DM_CB_ST* context, const Transports& transports, const sigset_t& signa
     const int exit_status = interfaces.open(transports);
     if (exit_status == 0) {
         // Requests are answered on the context's poll thread.
-        wait_for_end(signals, sampler);
+        wait_for_end(signals, sampler, interval);
     }
     return exit_status;
 }
 
-int run(const Transports& transports, std::chrono::milliseconds interval) {
+int run(const Transports& transports, const timespec& interval) {
     const sigset_t signals = block_signals();
-    dmond::Sampler sampler(interval);
+    dmond::Sampler sampler;
     DM_CB_ST* context = nullptr;
     if (dm_init(&context) != 0)
         return fail(kCannotOpen, "cannot start the message framework");
-    const int exit_status = serve(context, transports, signals, sampler);
+    const int exit_status = serve(context, transports, signals, sampler, interval);
     dm_destroy(context);
     return exit_status;
 }
@@ -202,7 +208,7 @@ int run_command_line(int argc, char** argv) {
     transports.udp_endpoint = udp::parse_endpoint(transports.udp);
     if (!transports.udp.empty() && !transports.udp_endpoint)
         return fail(kWrongUsage, "--udp takes an IPv4 address and a port, such as 127.0.0.1:7400");
-    return run(transports, std::chrono::milliseconds(interval_ms));
+    return run(transports, {interval_ms / 1000, interval_ms % 1000 * 1000000L});
 }
 
 } // namespace

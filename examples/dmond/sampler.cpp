@@ -11,6 +11,7 @@
 #include <array>
 #include <atomic>
 #include <bit>
+#include <chrono>
 #include <exception>
 #include <stdexcept>
 #include <utility>
@@ -30,7 +31,7 @@ constexpr std::uint64_t kStopMs = 5000; // a reading may hang for good
 constexpr std::uint64_t kLookMs = 10;
 constexpr std::chrono::seconds kFresh{1};
 
-// An order to take a sample before it is due. There is nothing to say with it.
+// An order to take a sample. There is nothing to say with it.
 using Order = std::uint32_t;
 
 void require(bool created, const char* what) {
@@ -91,9 +92,10 @@ public:
         const Order order = 0;
         vos_queue_asy_write(id(), &order, sizeof order);
     }
-    void wait(std::chrono::milliseconds time) const {
+    // False when the queue is gone.
+    bool wait() const {
         Order order = 0;
-        vos_queue_read(id(), static_cast<std::int32_t>(time.count()), &order, sizeof order);
+        return vos_queue_read(id(), 0, &order, sizeof order) == sizeof order;
     }
     void take_all() const {
         Order order = 0;
@@ -125,12 +127,9 @@ private:
 // What the task and its creator share. Each has a share: nobody can wait for the very end of a
 // task.
 struct Sampler::State : std::enable_shared_from_this<Sampler::State> {
-    explicit State(std::chrono::milliseconds every) : interval(every) {}
-
     static void run(std::uint64_t arg, std::uint64_t, std::uint64_t, std::uint64_t);
     void take_sample();
 
-    const std::chrono::milliseconds interval;
     OrderQueue orders;
     Semaphore begun{"bgun", 0};
     std::atomic<bool> ended{false};
@@ -150,8 +149,7 @@ void Sampler::State::run(std::uint64_t arg, std::uint64_t, std::uint64_t, std::u
         std::shared_ptr<State> state;
     };
     const Run run(std::bit_cast<State*>(arg)->shared_from_this());
-    for (;;) {
-        run.state->orders.wait(run.state->interval);
+    while (run.state->orders.wait()) {
         run.state->orders.take_all();
         run.state->take_sample();
     }
@@ -172,7 +170,7 @@ void Sampler::State::take_sample() {
     }
 }
 
-Sampler::Sampler(std::chrono::milliseconds interval) : state_(std::make_shared<State>(interval)) {
+Sampler::Sampler() : state_(std::make_shared<State>()) {
     require(task_task_info_init() == 0, "the task table");
     state_->take_sample();
     require(start(), "a task");
@@ -204,6 +202,10 @@ void Sampler::stop() {
 bool Sampler::restart() {
     stop();
     return start();
+}
+
+void Sampler::order() {
+    state_->orders.put();
 }
 
 std::string Sampler::newest(std::size_t max_len) {

@@ -1,9 +1,8 @@
-// Takes the machine's readings on a task of its own, again and again, so that a slow one (a file
-// system that hangs) holds up no request.
+// Takes the machine's readings on a task of its own, so that a slow one (a file system that hangs)
+// holds up no request.
 #ifndef DMOND_SAMPLER_H
 #define DMOND_SAMPLER_H
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -14,10 +13,13 @@ namespace dmond {
 class Sampler {
 public:
     // Begins with a first sample. Throws std::runtime_error when there is no task or queue for it.
-    explicit Sampler(std::chrono::milliseconds interval);
+    Sampler();
     Sampler(const Sampler&) = delete;
     Sampler& operator=(const Sampler&) = delete;
     ~Sampler();
+
+    // Has a sample taken soon.
+    void order();
 
     // The newest sample as JSON text of at most `max_len` bytes: all of it, or the load alone. One
     // that is not fresh any more is given all the same, and the next one ordered.
