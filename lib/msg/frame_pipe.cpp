@@ -35,7 +35,7 @@ int64_t FramePipe::write(const void* frame, uint32_t size) {
 int64_t FramePipe::read(int fd, void* buffer, uint32_t size) {
     auto* bytes = static_cast<uint8_t*>(buffer);
     int64_t got = mmReadFile(fd, bytes, size);
-    while (got < size && flush()) {
+    while (got < size && __flush_waiting()) {
         got = std::max<int64_t>(got, 0);
         const int64_t more = mmReadFile(fd, bytes + got, size - static_cast<uint32_t>(got));
         if (more <= 0)
@@ -45,7 +45,13 @@ int64_t FramePipe::read(int fd, void* buffer, uint32_t size) {
     return got;
 }
 
-bool FramePipe::flush() {
+void FramePipe::flush() {
+    if (has_rest_)
+        __flush_waiting();
+}
+
+// True when some of the rest was written. Waits for a writer that is just about to keep one.
+bool FramePipe::__flush_waiting() {
     const std::lock_guard lock(lock_);
     return __flush_locked();
 }
@@ -58,6 +64,7 @@ bool FramePipe::__flush_locked() {
     if (written <= 0)
         return false;
     begin_ += static_cast<uint32_t>(written);
+    has_rest_ = begin_ != end_;
     return true;
 }
 
@@ -65,6 +72,7 @@ void FramePipe::__keep(const uint8_t* frame, uint32_t begin, uint32_t end) {
     std::memcpy(rest_ + begin, frame + begin, end - begin);
     begin_ = begin;
     end_ = end;
+    has_rest_ = true;
 }
 
 void close_pipe(int read_end, int write_end) {

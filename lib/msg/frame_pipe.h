@@ -4,6 +4,7 @@
 
 #include "dm_msg_intf.h"
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 
@@ -26,12 +27,15 @@ public:
     // frame follows as the reading makes room.
     int64_t read(int fd, void* buffer, uint32_t size);
 
-    // Writes what the pipe takes of the kept rest. True when that was something. Waits for a writer
-    // that is just about to keep a rest. Due after every read: the room is for the rest first, and
-    // the poller then has something to wake for.
-    bool flush();
+    // Writes what the pipe takes of the kept rest. Due after every read: the room is for the rest
+    // first, and the poller then has something to wake for.
+    //
+    // Does not wait for a writer that is about to keep a rest: the part that it wrote is still to
+    // be read then. So a reader that a write has woken seldom has to wait for the writer.
+    void flush();
 
 private:
+    bool __flush_waiting();
     bool __flush_locked();
     void __keep(const uint8_t* frame, uint32_t begin, uint32_t end);
 
@@ -39,6 +43,7 @@ private:
     std::mutex lock_;
     uint32_t begin_ = 0; // the rest is rest_[begin_, end_)
     uint32_t end_ = 0;
+    std::atomic<bool> has_rest_{false};
     uint8_t rest_[kMaxHeaderLen + DM_MAX_DATA_LEN];
 };
 
