@@ -5,8 +5,10 @@ add_library(dm_compile_options INTERFACE)
 
 target_compile_options(dm_compile_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion
-  # Log lines show a source path relative to the repository, whatever the build directory is.
-  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+  # Log lines and debug information show a source path relative to the repository, whatever the
+  # build directory is.
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
+  -ffile-prefix-map=${PROJECT_BINARY_DIR}=.)
 
 if(DM_WERROR)
   target_compile_options(dm_compile_options INTERFACE -Werror)

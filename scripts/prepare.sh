@@ -4,6 +4,8 @@
 packages_build=(g++ cmake ninja-build pkg-config libgtest-dev libbenchmark-dev libglib2.0-dev
     nlohmann-json3-dev libcli11-dev)
 packages_lint=(clang clang-format clang-tidy)
+packages_package=(dpkg-dev file lintian)
+packages_package_test=(bash-completion systemd)
 
 # Prints those of the given packages that are not installed.
 missing_packages() {
