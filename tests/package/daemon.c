@@ -1,0 +1,47 @@
+/* A daemon in C against the installed library: echoes what comes to a port that the system chooses,
+ * which it prints, until SIGTERM. */
+#include <dm_msg_intf.h>
+#include <dm_udp.h>
+
+#include <arpa/inet.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+
+static int on_request(DM_INTF_ST* intf, DM_MSG_ST* msg, void* user_data, int32_t user_data_len) {
+    (void)user_data, (void)user_data_len;
+    if (msg->data.data_len > DM_MAX_DATA_LEN) /* the peer decides the length */
+        return 0;
+    return dm_send_rsp(intf, msg->addr, msg->addr_len, &msg->data, msg->req_id);
+}
+
+static int open_udp(DM_CB_ST* dm) {
+    struct sockaddr_in sa = {.sin_family = AF_INET};
+    socklen_t len = sizeof sa;
+    DM_ADDR_ST addr = {.kind = DM_KIND_UDP, .family = DM_FAMILY_UDP};
+    DM_INTF_ST* intf = NULL;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    memcpy(addr.sa, &sa, sizeof sa);
+    if (dm_udp_init(&intf, dm, NULL, &addr, NULL, 0) != 0 ||
+        getsockname(intf->fd, (struct sockaddr*)&sa, &len) != 0)
+        return -1;
+    printf("%d\n", ntohs(sa.sin_port));
+    return fflush(stdout);
+}
+
+int main(void) {
+    int signal = 0;
+    int status = 1;
+    sigset_t end;
+    DM_CB_ST* dm = NULL;
+    sigemptyset(&end);
+    sigaddset(&end, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &end, NULL);
+
+    if (dm_init(&dm) != 0)
+        return 1;
+    if (dm_cmd_register(dm, on_request, NULL, NULL, 1) == 0 && open_udp(dm) == 0)
+        status = sigwait(&end, &signal);
+    dm_destroy(dm);
+    return status;
+}
