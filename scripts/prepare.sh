@@ -2,7 +2,7 @@
 # Needs Debian 12's package names; on another system it says what is wanted.
 
 packages_build=(g++ cmake ninja-build pkg-config libgtest-dev libbenchmark-dev libglib2.0-dev
-    nlohmann-json3-dev libcli11-dev)
+    nlohmann-json3-dev libcli11-dev python3 tshark)
 packages_lint=(clang clang-format clang-tidy)
 packages_package=(dpkg-dev file lintian)
 packages_package_test=(bash-completion systemd)
