@@ -35,8 +35,8 @@ install_packages() {
     echo "Installing what is missing: $missing"
     "${as_root[@]}" apt-get update -qq
     # shellcheck disable=SC2086 # a list of words
-    DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq --no-install-recommends \
-        $missing >/dev/null
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq \
+        --no-install-recommends $missing >/dev/null
 }
 
 # build PRESET [CMAKE_OPTION...]
