@@ -77,7 +77,9 @@ def decode(capture, order):
                "-o", "udp.try_heuristic_first:TRUE", "-o", f"dm_udp.little_endian:{order == '<'}",
                *(word for field in FIELDS for word in ("-e", field))]
     shown = json.loads(subprocess.run(command, check=True, stdout=subprocess.PIPE).stdout)
-    return [{name: ",".join(values) for name, values in packet["_source"]["layers"].items()}
+    # Some of those ports are taken for a traceroute's.
+    return [{name: text for name, values in packet["_source"]["layers"].items()
+             if (text := ",".join(value for value in values if "traceroute" not in value))}
             for packet in shown]
 
 
