@@ -10,6 +10,16 @@
 /** Marks a symbol that the shared library exports; everything else is hidden. */
 #define DM_API __attribute__((visibility("default")))
 
+/**
+ * @def DM_BEGIN_DECLS
+ * Begins declarations of C linkage.
+ *
+ * @def DM_END_DECLS
+ * Ends them.
+ *
+ * @def DM_STATIC_ASSERT
+ * Asserts a condition when the header is compiled, with a text for the failure.
+ */
 #ifdef __cplusplus
 #define DM_BEGIN_DECLS extern "C" {
 #define DM_END_DECLS }

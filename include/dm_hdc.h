@@ -34,8 +34,9 @@
 
 DM_BEGIN_DECLS
 
-/** Role of an endpoint (DM_HDC_ADDR_ST::role); every other number is a client. */
+/** Role of an endpoint that accepts sessions (DM_HDC_ADDR_ST::role). */
 #define DM_HDC_SERVER 1U
+/** Role of one that connects; every other number than DM_HDC_SERVER is a client, too. */
 #define DM_HDC_CLIENT 0U
 
 /** Significant length of a peer's address, as messages carry it. */
@@ -79,13 +80,13 @@ DM_ASSERT_OFFSET(DM_HDC_ADDR_ST, intf_num, 32);
 /** A frame, on a session and in an interface's pipe: the header and data_len bytes of the payload.
  *  Numbers are in host byte order. */
 typedef struct __attribute__((packed)) HDC_MSG_ST {
-    uint64_t session; /**< the sender's handle; in the pipe the receiver's */
-    uint32_t dst_dev; /**< dev_id of the destination address */
-    uint32_t src_dev; /**< dev_id of the sender's own address */
-    uint64_t req_id;
-    uint32_t type; /**< DM_MSG_REQ or DM_MSG_RSP */
-    uint16_t data_len;
-    uint8_t data[DM_MAX_DATA_LEN];
+    uint64_t session;              /**< the sender's handle; in the pipe the receiver's */
+    uint32_t dst_dev;              /**< dev_id of the destination address */
+    uint32_t src_dev;              /**< dev_id of the sender's own address */
+    uint64_t req_id;               /**< identity of the request */
+    uint32_t type;                 /**< DM_MSG_REQ or DM_MSG_RSP */
+    uint16_t data_len;             /**< payload bytes that follow */
+    uint8_t data[DM_MAX_DATA_LEN]; /**< payload; only data_len bytes of it are sent */
 } HDC_MSG_ST;
 
 DM_STATIC_ASSERT(sizeof(HDC_MSG_ST) == 4126, "an HDC frame has 4126 bytes");
@@ -121,6 +122,7 @@ DM_API int32_t dm_hdc_get_intf_name(int32_t num, char* buf, uint32_t size);
  * server tries for two minutes to become the server of its device id. Closing the interface stops
  * accepting (g_dm_hdc_run); the channel and the pipe stay open for good.
  * @param intf receives the record, which is the context's; may be null.
+ * @param dm_cb the context that gets the interface; must not be null.
  * @param timeout_hndl makes the response of a request that timed out, at least one byte; with null
  *                     it is the request's own data.
  * @param addr the own address, a DM_HDC_ADDR_ST, copied: kind 99, family 3, role, dev_id and
@@ -129,7 +131,7 @@ DM_API int32_t dm_hdc_get_intf_name(int32_t num, char* buf, uint32_t size);
  * @param opt_len below 32; ignored without @p opt.
  * @return 0; -22 for a bad argument; 5 when the name could not be formatted; -16 when the name is
  *         taken; -12 without memory; -1 when the accepting thread could not be started; the errno
- * of pipe(2) or fcntl(2); the HAL's code of drvHdcGetCapacity(), drvHdcServerCreate() or
+ *         of pipe(2) or fcntl(2); the HAL's code of drvHdcGetCapacity(), drvHdcServerCreate() or
  *         drvHdcClientCreate(); or the code of dm_intf_register() or of a failed bounds-checked
  *         function.
  */

@@ -40,6 +40,7 @@ DM_API int32_t dm_ipc_get_intf_name(int32_t num, char* buf, uint32_t size);
  * Opens the device manager's channel, and creates and registers an interface for it under the name
  * that dm_ipc_get_intf_name() gives. Any thread.
  * @param intf receives the record, which is the context's; may be null.
+ * @param dm_cb the context that gets the interface; must not be null.
  * @param timeout_hndl makes the response of a request that timed out, at least one byte; with null
  *                     it is the request's own data.
  * @param addr the own address, copied: kind 102, family 6, and in peer_id the device id whose
@@ -47,14 +48,15 @@ DM_API int32_t dm_ipc_get_intf_name(int32_t num, char* buf, uint32_t size);
  * @param opt not used; may be null.
  * @param opt_len below 32; ignored without @p opt.
  * @return 0; EINVAL (22) for a bad argument; 5 when the name could not be formatted; EBUSY (16)
- * when the name is taken; ENOMEM (12); -1 when the channel could not be opened; or the code of
- *         dm_intf_register() or of a failed bounds-checked function.
+ *         when the name is taken; ENOMEM (12); -1 when the channel could not be opened; or the code
+ * of dm_intf_register() or of a failed bounds-checked function.
  */
 DM_API int32_t dm_ipc_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER timeout_hndl,
                            DM_ADDR_ST* addr, const void* opt, int32_t opt_len);
 
 /**
  * Sends one message: the send_msg slot. Arguments are not checked. Any thread.
+ * @param intf an interface from dm_ipc_init().
  * @param type not sent.
  * @param addr the destination's device id in peer_id.
  * @param addr_len not used.
@@ -65,7 +67,18 @@ DM_API int32_t dm_ipc_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER t
 DM_API int32_t __dm_ipc_send(DM_INTF_ST* intf, uint32_t type, DM_ADDR_ST* addr, uint32_t addr_len,
                              DM_DATA_ST* data, uint64_t req_id);
 
-/** The same with two more arguments, which are ignored: the send_msg_ex slot. */
+/**
+ * The same with two more arguments: the send_msg_ex slot. Any thread.
+ * @param intf an interface from dm_ipc_init().
+ * @param type not sent.
+ * @param addr the destination's device id in peer_id.
+ * @param addr_len not used.
+ * @param data of its data_len only the low 8 bits count.
+ * @param extra1 ignored.
+ * @param extra2 ignored.
+ * @param req_id not sent.
+ * @return the result of devdrv_imu_dmp_msg_send(), 0 when it was sent.
+ */
 DM_API int32_t __dm_ipc_settime_send(DM_INTF_ST* intf, uint32_t type, DM_ADDR_ST* addr,
                                      uint32_t addr_len, DM_DATA_ST* data, uint32_t extra1,
                                      uint32_t extra2, uint64_t req_id);

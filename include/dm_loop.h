@@ -22,13 +22,13 @@ DM_BEGIN_DECLS
 
 /** A frame in the pipe, in host byte order: the header and data_len bytes of the payload. */
 typedef struct __attribute__((packed)) SELF_MSG_ST {
-    DM_ADDR_ST addr;
-    uint32_t addr_len;
-    uint64_t req_id;
-    uint32_t type;
-    uint16_t reserved; /**< zero */
-    uint16_t data_len;
-    uint8_t data[DM_MAX_DATA_LEN];
+    DM_ADDR_ST addr;               /**< the destination as given to the send, all 40 bytes */
+    uint32_t addr_len;             /**< its significant length as given to the send */
+    uint64_t req_id;               /**< identity of the request */
+    uint32_t type;                 /**< DM_MSG_REQ or DM_MSG_RSP */
+    uint16_t reserved;             /**< zero */
+    uint16_t data_len;             /**< payload bytes that follow, 1 to DM_MAX_DATA_LEN */
+    uint8_t data[DM_MAX_DATA_LEN]; /**< payload; only data_len bytes of it are sent */
 } SELF_MSG_ST;
 
 DM_STATIC_ASSERT(sizeof(SELF_MSG_ST) == 4156, "a self-loop frame has 4156 bytes");
@@ -47,6 +47,7 @@ DM_ASSERT_OFFSET(SELF_MSG_ST, data, 60);
  * request's own data. An interface under another name than "selfloop" keeps its pipe open when it
  * is closed.
  * @param intf receives the record, which is the context's; may be null.
+ * @param dm_cb the context that gets the interface; must not be null.
  * @param addr the interface's address (kind 97, family 1), copied; null for the default.
  * @param name null for "selfloop"; cut to 31 characters.
  * @param name_len not used.

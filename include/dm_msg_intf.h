@@ -31,21 +31,21 @@ DM_BEGIN_DECLS
 /** Room for a socket address in a DM_ADDR_ST, in bytes. */
 #define DM_ADDR_SA_LEN 28
 
-/** Message types. */
-#define DM_MSG_REQ 0U
-#define DM_MSG_RSP 1U
+/* Message types. */
+#define DM_MSG_REQ 0U /**< a request */
+#define DM_MSG_RSP 1U /**< a response */
 
-/** Interface kinds (DM_ADDR_ST::kind) and the address family that goes with each. */
-#define DM_KIND_SELFLOOP 97U
-#define DM_KIND_UDP 98U
-#define DM_KIND_HDC 99U
-#define DM_KIND_IPC 102U
-#define DM_FAMILY_SELFLOOP 1U
-#define DM_FAMILY_UDP 2U
-#define DM_FAMILY_HDC 3U
-#define DM_FAMILY_IPC 6U
+/* Interface kinds (DM_ADDR_ST::kind) and the address family that goes with each. */
+#define DM_KIND_SELFLOOP 97U  /**< kind of the self-loop, see dm_loop.h */
+#define DM_KIND_UDP 98U       /**< kind of UDP, see dm_udp.h */
+#define DM_KIND_HDC 99U       /**< kind of HDC, see dm_hdc.h */
+#define DM_KIND_IPC 102U      /**< kind of IPC, see dm_ipc.h */
+#define DM_FAMILY_SELFLOOP 1U /**< family that goes with DM_KIND_SELFLOOP */
+#define DM_FAMILY_UDP 2U      /**< family that goes with DM_KIND_UDP */
+#define DM_FAMILY_HDC 3U      /**< family that goes with DM_KIND_HDC */
+#define DM_FAMILY_IPC 6U      /**< family that goes with DM_KIND_IPC */
 
-/** Codes of dm_send_req(). */
+/* Codes of dm_send_req(). */
 #define DM_ERR_INVALID_ARG 3  /**< interface, address, address length or data is missing */
 #define DM_ERR_SEND 27        /**< the interface could not send the request */
 #define DM_ERR_PENDING_ADD 48 /**< the request could not be recorded */
@@ -64,8 +64,8 @@ typedef struct DM_ADDR_ST {
 
 /** Payload: a length in bytes and the bytes, which the record does not own. */
 typedef struct DM_DATA_ST {
-    uint16_t data_len;
-    void* data;
+    uint16_t data_len; /**< length in bytes */
+    void* data;        /**< the bytes; may be null when there are none */
 } DM_DATA_ST;
 
 /**
@@ -83,7 +83,7 @@ typedef struct DM_MSG_ST {
     DM_ADDR_ST* addr;   /**< where the message came from */
     uint32_t addr_len;  /**< significant bytes of the address */
     uint64_t req_id;    /**< identity of the request that the message makes or answers */
-    DM_DATA_ST data;
+    DM_DATA_ST data;    /**< the payload, in a buffer of DM_MAX_DATA_LEN bytes */
 } DM_MSG_ST;
 
 struct DM_INTF_ST;
@@ -111,36 +111,87 @@ typedef int (*DM_MSG_HANDLER)(struct DM_INTF_ST* intf, DM_MSG_ST* msg, void* use
  */
 typedef int (*DM_DATA_HANDLER)(DM_DATA_ST* req_data, DM_DATA_ST* rsp_data);
 
-/** Reads one message; events as poll(2) returned them. @return 0 when there is a message. */
+/**
+ * Reads one message: called on the poll thread when the interface's fd has events. When nothing is
+ * read the descriptor stays ready and the slot is called again at once.
+ * @param intf the interface.
+ * @param fd its descriptor.
+ * @param events as poll(2) returned them: POLLIN, and POLLERR, POLLHUP or POLLNVAL.
+ * @param msg to be filled, all zero at first but for what follows. addr points to room for one
+ *            DM_ADDR_ST, data.data to DM_MAX_DATA_LEN zeroed bytes, and data.data_len has that
+ *            capacity. No more may be written.
+ * @return 0 when there is a message, which is then dispatched by its type.
+ */
 typedef int (*DM_RECV_MSG)(struct DM_INTF_ST* intf, int32_t fd, int16_t events, DM_MSG_ST* msg);
 
-/** Sends a request or a response. @return 0 when it was sent. */
+/**
+ * Sends a request or a response. Called on any thread, on several at once. It must not keep what
+ * its arguments point to.
+ * @param intf the interface.
+ * @param type DM_MSG_REQ or DM_MSG_RSP.
+ * @param addr the destination.
+ * @param addr_len its significant length in bytes.
+ * @param data the payload.
+ * @param req_id identity of the request; the answer to it must bring the same number back.
+ * @return 0 when it was sent; else a code of the transport's.
+ */
 typedef int (*DM_SEND_MSG)(struct DM_INTF_ST* intf, uint32_t type, DM_ADDR_ST* addr,
                            uint32_t addr_len, DM_DATA_ST* data, uint64_t req_id);
 
-/** The same with two more arguments, which the self-loop and UDP ignore. */
+/**
+ * The same with two more arguments, which the transports here ignore. The framework does not call
+ * this slot; services may.
+ * @param intf the interface.
+ * @param type DM_MSG_REQ or DM_MSG_RSP.
+ * @param addr the destination.
+ * @param addr_len its significant length in bytes.
+ * @param data the payload.
+ * @param extra1 the transport's.
+ * @param extra2 the transport's.
+ * @param req_id identity of the request.
+ * @return 0 when it was sent; else a code of the transport's.
+ */
 typedef int (*DM_SEND_MSG_EX)(struct DM_INTF_ST* intf, uint32_t type, DM_ADDR_ST* addr,
                               uint32_t addr_len, DM_DATA_ST* data, uint32_t extra1, uint32_t extra2,
                               uint64_t req_id);
 
-/** Stores how often a request is sent again, and after how many milliseconds. @return 0. */
+/**
+ * Stores how often a request is sent again, and when. Requests that are pending keep what they
+ * began with. Any thread.
+ * @param intf the interface.
+ * @param retry_cnt as DM_INTF_ST::retry_cnt.
+ * @param timeout_ms in milliseconds.
+ * @return 0.
+ */
 typedef int (*DM_SET_RETRY)(struct DM_INTF_ST* intf, int32_t retry_cnt, uint32_t timeout_ms);
 
-/** Reads both back. @return 0. */
+/**
+ * Reads both back. Any thread.
+ * @param intf the interface.
+ * @param retry_cnt receives the count.
+ * @param timeout_ms receives the time in milliseconds.
+ * @return 0.
+ */
 typedef int (*DM_GET_RETRY)(struct DM_INTF_ST* intf, int32_t* retry_cnt, uint32_t* timeout_ms);
 
-/** Closes the interface's descriptors. @return ignored. */
+/**
+ * Closes the interface's descriptors and releases what else it has, but not the record, which the
+ * framework gives to free(3) afterwards. Called once, on the thread that removes the interface or
+ * releases the context.
+ * @param intf the interface, which is in no list any more.
+ * @return ignored.
+ */
 typedef int (*DM_CLOSE)(struct DM_INTF_ST* intf);
 
 /**
  * The framework context. Callers hold it by pointer and do not change its fields.
  */
 typedef struct DM_CB_ST {
-    DM_DATA_HANDLER default_hndl;
-    POLLER_ST* poller;
-    LIST_ST* intf_list;    /**< of DM_INTF_ST */
-    LIST_ST* pending_list; /**< of requests that wait for their response */
-    LIST_ST* cmd_reg_list; /**< of registered command handlers */
+    DM_DATA_HANDLER default_hndl; /**< answers while no command handler is registered; or null */
+    POLLER_ST* poller;            /**< the context's poller */
+    LIST_ST* intf_list;           /**< of DM_INTF_ST */
+    LIST_ST* pending_list;        /**< of requests that wait for their response */
+    LIST_ST* cmd_reg_list;        /**< of registered command handlers */
     /* private fields of the library follow */
 } DM_CB_ST;
 
@@ -157,14 +208,14 @@ typedef struct DM_INTF_ST {
     int32_t retry_cnt;           /**< re-sends of a request that times out; negative: no time-out */
     uint32_t timeout_ms;         /**< a request's time-out in milliseconds */
     uint32_t max_data_len;       /**< advertised payload size, enforced by nobody */
-    DM_RECV_MSG recv_msg;
-    DM_SEND_MSG send_msg;
-    DM_SEND_MSG_EX send_msg_ex;
-    DM_SET_RETRY set_retry;
-    DM_GET_RETRY get_retry;
+    DM_RECV_MSG recv_msg;        /**< reads a message; null: nothing is received */
+    DM_SEND_MSG send_msg;        /**< sends a message; must not be null */
+    DM_SEND_MSG_EX send_msg_ex;  /**< not called by the framework */
+    DM_SET_RETRY set_retry;      /**< not called by the framework */
+    DM_GET_RETRY get_retry;      /**< not called by the framework */
     DM_DATA_HANDLER timeout_hndl; /**< null: a time-out is answered with the request's data */
-    DM_CLOSE close;
-    struct DM_CB_ST* dm_cb; /**< the context that the interface belongs to */
+    DM_CLOSE close;               /**< closes the interface; may be null */
+    struct DM_CB_ST* dm_cb;       /**< the context that the interface belongs to */
 } DM_INTF_ST;
 
 DM_ASSERT_SIZE(DM_ADDR_ST, 40);
@@ -211,10 +262,16 @@ DM_ASSERT_OFFSET(DM_INTF_ST, dm_cb, 160);
 /** A switch for the services that link the library, 5 at first; the library does not read it. */
 extern DM_API uint32_t g_dev_mon_debug;
 
-/** @return the value of g_dev_mon_debug. Any thread. */
+/**
+ * Reads the switch. Any thread.
+ * @return the value of g_dev_mon_debug.
+ */
 DM_API uint32_t dev_mon_get_log_flag(void);
 
-/** Sets g_dev_mon_debug. Any thread. */
+/**
+ * Sets the switch g_dev_mon_debug. Any thread.
+ * @param value any value.
+ */
 DM_API void dev_mon_set_log_flag(uint32_t value);
 
 /**
@@ -232,13 +289,15 @@ DM_API int dm_init(DM_CB_ST** dm_cb);
  * from a handler: it returns, and no further callback of the context runs.
  *
  * Any thread. No other thread may be inside a call for this context, and the handle must not be
- * used afterwards. A null context is ignored.
+ * used afterwards.
+ * @param dm_cb null is ignored.
  */
 DM_API void dm_destroy(DM_CB_ST* dm_cb);
 
 /**
  * Registers an interface and watches its fd for input. There is no check for a name that is taken.
  * Any thread.
+ * @param dm_cb the context.
  * @param intf filled by the transport and allocated with malloc(3). The context owns it after
  *             success. When the list refuses it, it stays the caller's; when the poller refuses
  *             it, it has been closed and released.
@@ -251,6 +310,7 @@ DM_API int dm_intf_register(DM_CB_ST* dm_cb, DM_INTF_ST* intf);
  * end without a callback. When the call has returned, no receive, handler or time-out of that
  * interface runs or will run, so it waits for one that is running - except on the poll thread,
  * where it never waits. No thread may be sending on the interface meanwhile. Any thread.
+ * @param intf a registered interface; the record is dead afterwards.
  * @return 0, also for a name that is not registered; -EINVAL for a null record or one without a
  *         context; or the code of poller_fd_remove() or list_remove_by_tag().
  */
@@ -258,6 +318,7 @@ DM_API int dm_intf_deregister(DM_INTF_ST* intf);
 
 /**
  * Finds an interface by name. Any thread.
+ * @param dm_cb the context.
  * @param name a zero-terminated name; 32 characters at most are compared.
  * @param name_len checked only: 32 or less.
  * @return the record, which stays the context's; null when there is none.
@@ -268,6 +329,7 @@ DM_API DM_INTF_ST* dm_get_intf(DM_CB_ST* dm_cb, const char* name, int name_len);
  * Registers a command handler. All requests go to the handler registered first; with a null one
  * they are swallowed. Before the first registration requests go to the default handler, whose
  * response is sent at once. Any thread; meant for start-up.
+ * @param dm_cb the context.
  * @param handler answers a request with dm_send_rsp(), giving the message's addr, addr_len and
  *                req_id; may be null.
  * @param default_hndl replaces the context's default handler, also with null (no answer).
@@ -279,7 +341,11 @@ DM_API DM_INTF_ST* dm_get_intf(DM_CB_ST* dm_cb, const char* name, int name_len);
 DM_API int dm_cmd_register(DM_CB_ST* dm_cb, DM_MSG_HANDLER handler, DM_DATA_HANDLER default_hndl,
                            const void* user_data, int size);
 
-/** Checks its argument and changes nothing. @return 0, -EINVAL for a null context. Any thread. */
+/**
+ * Checks its argument and changes nothing: handlers stay as long as their context. Any thread.
+ * @param dm_cb the context.
+ * @return 0, -EINVAL for a null context.
+ */
 DM_API int dm_cmd_deregister(DM_CB_ST* dm_cb);
 
 /**
@@ -291,6 +357,7 @@ DM_API int dm_cmd_deregister(DM_CB_ST* dm_cb);
  * reaches the callback as a response that the interface's timeout_hndl made.
  *
  * Any thread. Nothing of the caller's is kept: address, data and user data are copied.
+ * @param intf the interface to send on, registered.
  * @param addr the destination, all 40 bytes of it.
  * @param addr_len its significant length, above 0.
  * @param data the payload; what exceeds DM_MAX_DATA_LEN is not kept for re-sends.
@@ -306,7 +373,10 @@ DM_API int dm_send_req(DM_INTF_ST* intf, DM_ADDR_ST* addr, uint32_t addr_len, DM
 
 /**
  * Sends a response. Checks nothing: all arguments must be valid. Any thread.
+ * @param intf the interface that the request came on.
  * @param addr the request's addr, all 40 bytes of it.
+ * @param addr_len the request's addr_len.
+ * @param data the payload, which stays the caller's.
  * @param req_id the request's req_id.
  * @return the result of the interface's send_msg, 0 when it was sent.
  */

@@ -48,6 +48,7 @@ typedef struct POLLER_ST {
 
 /**
  * Called on the poll thread when a descriptor has events.
+ * @param fd the descriptor.
  * @param events the events that poll(2) returned (POLLIN and so on).
  * @param user_data the poller's copy of the data given with the descriptor, valid during the call;
  *                  null when there is none.
@@ -70,32 +71,32 @@ typedef int (*POLLER_TIMER_CALLBACK)(uint32_t interval_ms, int32_t elapsed_ms, v
 
 /** A point in time or a span, as mmGetTickCount() gives it. */
 typedef struct POLLER_TIME_ST {
-    int64_t tv_sec;
-    int64_t tv_nsec; /**< 0 to 999999999 */
+    int64_t tv_sec;  /**< whole seconds */
+    int64_t tv_nsec; /**< nanoseconds, 0 to 999999999 */
 } POLLER_TIME_ST;
 
 /** A watched descriptor. */
 typedef struct POLLER_FD_ENTRY_ST {
-    int32_t fd;
-    int16_t events;      /**< events to watch, as in poll(2) */
-    int16_t revents;     /**< always 0 */
-    struct pollfd* slot; /**< the entry's place in the array of the current pass, or null */
-    POLLER_FD_CALLBACK callback;
-    void* unused;           /**< null; timers keep their callback in this place */
-    void* user_data;        /**< the entry's own copy, or null */
-    uint32_t user_data_len; /**< its length in bytes */
-    uint32_t removed;       /**< 1 once it is to go with the next sweep */
+    int32_t fd;                  /**< the descriptor, not the entry's */
+    int16_t events;              /**< events to watch, as in poll(2) */
+    int16_t revents;             /**< always 0 */
+    struct pollfd* slot;         /**< the entry's place in the array of the current pass, or null */
+    POLLER_FD_CALLBACK callback; /**< called when it is ready, or null */
+    void* unused;                /**< null; timers keep their callback in this place */
+    void* user_data;             /**< the entry's own copy, or null */
+    uint32_t user_data_len;      /**< its length in bytes */
+    uint32_t removed;            /**< 1 once it is to go with the next sweep */
     /* private fields of the library follow */
 } POLLER_FD_ENTRY_ST;
 
 /** A pending timer. Its address is the timer's handle. */
 typedef struct POLLER_TIMER_ENTRY_ST {
-    POLLER_TIME_ST deadline;
-    uint32_t interval_ms;
-    POLLER_TIMER_CALLBACK callback;
-    void* user_data;        /**< the entry's own copy, or null */
-    uint32_t user_data_len; /**< its length in bytes */
-    uint32_t removed;       /**< 1 once it is to go with the next sweep */
+    POLLER_TIME_ST deadline;        /**< when it is due */
+    uint32_t interval_ms;           /**< the interval given with it, in milliseconds */
+    POLLER_TIMER_CALLBACK callback; /**< called when it is due, or null */
+    void* user_data;                /**< the entry's own copy, or null */
+    uint32_t user_data_len;         /**< its length in bytes */
+    uint32_t removed;               /**< 1 once it is to go with the next sweep */
     /* private fields of the library follow */
 } POLLER_TIMER_ENTRY_ST;
 
@@ -134,15 +135,17 @@ DM_API int poller_create(POLLER_ST** poller);
 
 /**
  * Starts the poll thread, with SCHED_RR and priority 60 where the process may use them and default
- * attributes elsewhere.
+ * attributes elsewhere. Only on the thread that created the poller.
+ * @param poller an idle poller.
  * @return 0, EINVAL for a null poller, 1 when called on another thread than the creating one or
  *         when the poller runs already, or the result of the failed thread creation.
  */
 DM_API int poller_run(POLLER_ST* poller);
 
 /**
- * Asks the poll thread to stop after its current pass; the poller can then be run again. The
- * poller must not be null.
+ * Asks the poll thread to stop after its current pass; the poller can then be run again. Only on
+ * the thread that created the poller.
+ * @param poller must not be null.
  * @return 0, or 1 when called on another thread than the creating one.
  */
 DM_API int poller_exit(POLLER_ST* poller);
@@ -152,12 +155,15 @@ DM_API int poller_exit(POLLER_ST* poller);
  * callback cut short. A poller whose thread is about to start is released by that thread before it
  * runs anything. Does nothing while an earlier request is being carried out. Any thread; the
  * handle must not be used afterwards.
+ * @param poller from poller_create().
  * @return 0, or EINVAL for a null poller.
  */
 DM_API int poller_destory(POLLER_ST* poller);
 
 /**
- * Watches a descriptor, which stays the caller's.
+ * Watches a descriptor, which stays the caller's. Any thread.
+ * @param poller the poller.
+ * @param fd the descriptor, open as long as it is watched.
  * @param events the events to watch, as in poll(2).
  * @param callback may be null.
  * @param user_data copied; the caller's may go as soon as the call returns. Null for none.
@@ -171,14 +177,19 @@ DM_API int poller_fd_add(POLLER_ST* poller, int fd, int16_t events, POLLER_FD_CA
 
 /**
  * Stops watching: removes every entry of the descriptor whose events share a bit with @p events.
- * On another thread than the poll thread it does not wait for a callback that runs meanwhile.
+ * On another thread than the poll thread it does not wait for a callback that runs meanwhile. Any
+ * thread.
+ * @param poller the poller.
+ * @param fd the descriptor.
+ * @param events as in poll(2).
  * @return 0, whether or not there was one; EINVAL for a null poller.
  */
 DM_API int poller_fd_remove(POLLER_ST* poller, int fd, int events);
 
 /**
  * Arms a one-shot timer. It may fire up to a millisecond before its time, and one that a timer's
- * callback adds fires in the next pass at the earliest.
+ * callback adds fires in the next pass at the earliest. Any thread.
+ * @param poller the poller.
  * @param interval_ms time until it is due; values of 2^31 and above count as past.
  * @param callback may be null.
  * @param user_data copied; null for none.
@@ -194,7 +205,9 @@ DM_API int poller_timer_add(POLLER_ST* poller, uint32_t interval_ms, POLLER_TIME
                             POLLER_TIMER_ENTRY_ST** timer);
 
 /**
- * Disarms a timer. A callback that runs already on the poll thread is not stopped or awaited.
+ * Disarms a timer. A callback that runs already on the poll thread is not stopped or awaited. Any
+ * thread.
+ * @param poller the poller.
  * @param timer the variable that holds the handle; it is not cleared.
  * @return 0, whether or not there was such a timer; EINVAL for a null argument.
  */
@@ -203,6 +216,9 @@ DM_API int poller_timer_remove(POLLER_ST* poller, POLLER_TIMER_ENTRY_ST* const* 
 /**
  * Makes a descriptor's entry, not yet listed. Any thread.
  * @param entry receives the entry, to be released with poller_entry_free().
+ * @param fd the descriptor, which stays the caller's.
+ * @param events the events to watch, as in poll(2).
+ * @param callback may be null.
  * @return 0, ENOMEM, or the code of a failed memset_s().
  */
 DM_API int poller_init_entry(POLLER_FD_ENTRY_ST** entry, int fd, int16_t events,
@@ -211,41 +227,82 @@ DM_API int poller_init_entry(POLLER_FD_ENTRY_ST** entry, int fd, int16_t events,
 /**
  * Makes a timer's entry that is due @p interval_ms from now, not yet listed. Any thread.
  * @param entry receives the entry, to be released with poller_entry_free().
+ * @param interval_ms in milliseconds; values of 2^31 and above count as past.
+ * @param callback may be null.
  * @return 0, ENOMEM, or the code of a failed memset_s().
  */
 DM_API int poller_timer_init_entry(POLLER_TIMER_ENTRY_ST** entry, uint32_t interval_ms,
                                    POLLER_TIMER_CALLBACK callback);
 
-/** Releases an entry of either kind with its copy of the user data; null is ignored. Any thread. */
+/**
+ * Releases an entry of either kind with its copy of the user data. Any thread.
+ * @param entry from poller_init_entry() or poller_timer_init_entry(); null is ignored.
+ */
 DM_API void poller_entry_free(void* entry);
 
-/** @return 0 when two POLLER_FD_ENTRY_ST have one descriptor and share an event, else 1. */
+/**
+ * Compares two descriptors' entries, as a LIST_COMPARE. Any thread.
+ * @param entry a POLLER_FD_ENTRY_ST.
+ * @param key another one.
+ * @return 0 when both have one descriptor and share an event, else 1.
+ */
 DM_API int poller_fd_entry_cmp(const void* entry, const void* key);
 
-/** @return 0 for one and the same POLLER_TIMER_ENTRY_ST, else 1 or -1 by their addresses. */
+/**
+ * Compares two timers' entries by their addresses, as a LIST_COMPARE. Any thread.
+ * @param entry a POLLER_TIMER_ENTRY_ST.
+ * @param key another one.
+ * @return 0 for one and the same, 1 when @p entry has the greater address, else -1.
+ */
 DM_API int poller_timer_entry_cmp(const void* entry, const void* key);
 
-/** @return -1, 0 or 1 by the deadlines of two POLLER_TIMER_ENTRY_ST. */
+/**
+ * Compares two timers' entries by their deadlines, as a LIST_COMPARE. Any thread.
+ * @param entry a POLLER_TIMER_ENTRY_ST.
+ * @param key another one.
+ * @return -1, 0 or 1 as @p entry is due before, with or after @p key.
+ */
 DM_API int poller_timer_deadline_cmp(const void* entry, const void* key);
 
-/** @return -1, 0 or 1 as @p a is before, at or behind @p b. */
+/**
+ * Compares two points in time. Any thread.
+ * @param a a point in time.
+ * @param b another one.
+ * @return -1, 0 or 1 as @p a is before, at or behind @p b.
+ */
 DM_API int poller_time_cmp(const POLLER_TIME_ST* a, const POLLER_TIME_ST* b);
 
 /**
- * Subtracts @p b from @p a.
+ * Subtracts @p b from @p a. Any thread.
  * @param difference receives the difference when @p a is later; may be null.
+ * @param a the later point in time.
+ * @param b the earlier one.
  * @return the difference in whole milliseconds, cut to 32 bits; -1 when @p a is not later.
  */
 DM_API int poller_time_diff_ms(POLLER_TIME_ST* difference, const POLLER_TIME_ST* a,
                                const POLLER_TIME_ST* b);
 
-/** Stores @p base plus @p ms milliseconds. */
+/**
+ * Adds a time. Any thread.
+ * @param sum receives @p base plus @p ms.
+ * @param base a point in time.
+ * @param ms in milliseconds.
+ */
 DM_API void poller_time_add_ms(POLLER_TIME_ST* sum, const POLLER_TIME_ST* base, int32_t ms);
 
-/** Stores @p base less @p ms milliseconds. */
+/**
+ * Subtracts a time. Any thread.
+ * @param difference receives @p base less @p ms.
+ * @param base a point in time.
+ * @param ms in milliseconds.
+ */
 DM_API void poller_time_sub_ms(POLLER_TIME_ST* difference, const POLLER_TIME_ST* base, int32_t ms);
 
-/** @return the whole milliseconds until the timer's deadline, -1 when it is now or past. */
+/**
+ * Tells how long a timer still has. Any thread.
+ * @param entry the timer's entry; must not be null.
+ * @return the whole milliseconds until its deadline, -1 when that is now or past.
+ */
 DM_API int poller_ms_until(const POLLER_TIMER_ENTRY_ST* entry);
 
 DM_END_DECLS

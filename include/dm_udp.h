@@ -21,15 +21,15 @@ DM_BEGIN_DECLS
 
 /** A datagram. Numbers are in the sender's byte order. */
 typedef struct __attribute__((packed)) DM_UDP_MSG_ST {
-    uint16_t src_port; /**< port of the sending interface's own address */
-    uint16_t dst_port;
-    uint16_t reserved1; /**< 0; others are dropped */
-    uint16_t marker;    /**< 1; others are dropped */
-    uint16_t data_len;
-    uint32_t type;    /**< DM_MSG_REQ or DM_MSG_RSP */
-    uint32_t peer_id; /**< of the destination address */
-    uint64_t req_id;
-    uint8_t reserved2[16];         /**< zero */
+    uint16_t src_port;     /**< port of the sending interface's own address */
+    uint16_t dst_port;     /**< port of the destination address */
+    uint16_t reserved1;    /**< 0; others are dropped */
+    uint16_t marker;       /**< 1; others are dropped */
+    uint16_t data_len;     /**< payload bytes in data; above DM_MAX_DATA_LEN there are none */
+    uint32_t type;         /**< DM_MSG_REQ or DM_MSG_RSP */
+    uint32_t peer_id;      /**< of the destination address */
+    uint64_t req_id;       /**< identity of the request, which a response repeats */
+    uint8_t reserved2[16]; /**< zero */
     uint8_t data[DM_MAX_DATA_LEN]; /**< payload, zero behind it */
 } DM_UDP_MSG_ST;
 
@@ -53,6 +53,7 @@ DM_ASSERT_OFFSET(DM_UDP_MSG_ST, data, 42);
  * one; getsockname(2) on the record's fd tells it. An interface under another name than "dm_udp"
  * keeps its socket open when it is closed.
  * @param intf receives the record, which is the context's; may be null.
+ * @param dm_cb the context that gets the interface; must not be null.
  * @param timeout_hndl makes the response of a request that timed out, at least one byte; with null
  *                     it is the request's own data.
  * @param addr the address to bind (kind 98, family 2, a sockaddr_in in sa), copied.

@@ -30,7 +30,10 @@ DM_BEGIN_DECLS
 /** Buckets of every table. */
 #define HASH_TABLE_BUCKETS 1024
 
-/** Releases a value. */
+/**
+ * Releases a value.
+ * @param value as it was stored.
+ */
 typedef void (*HASH_FREE)(void* value);
 
 /** One tag and its value. */
@@ -57,17 +60,22 @@ DM_ASSERT_OFFSET(HASH_TABLE_ST, buckets, 0);
 /**
  * The hash of a string: from 0 on, 33 times the value so far plus the next byte, modulo 2^32. Bytes
  * from 0x80 on count as negative numbers, on every machine. A tag's bucket is its hash modulo
- * HASH_TABLE_BUCKETS. May be called from any thread.
+ * HASH_TABLE_BUCKETS. Any thread.
+ * @param text a zero-terminated string; must not be null.
+ * @return the hash.
  */
 DM_API uint32_t hash_33(const char* text);
 
 /**
- * Makes an empty table, which the caller releases with hash_table_delete().
+ * Makes an empty table, which the caller releases with hash_table_delete(). Any thread.
  * @return the table; null when there is no memory or it could not be zeroed.
  */
 DM_API HASH_TABLE_ST* hash_table_new(void);
 
-/** Releases all values that have a release function, and the table. A null table is ignored. */
+/**
+ * Releases all values that have a release function, and the table.
+ * @param table not used again; null is ignored.
+ */
 DM_API void hash_table_delete(HASH_TABLE_ST* table);
 
 /**
@@ -78,6 +86,7 @@ DM_API void hash_table_delete(HASH_TABLE_ST* table);
  * the very pointer that is stored already therefore releases it, and leaves the table with a
  * pointer to what was released: take a new copy of the value instead.
  *
+ * @param table      the table.
  * @param tag        copied; may point into the old value.
  * @param value      any value. A null one cannot be told from a missing tag by hash_table_get().
  * @param free_value releases the value when it is replaced or removed, or when the table goes; null
@@ -89,21 +98,32 @@ DM_API void hash_table_delete(HASH_TABLE_ST* table);
 DM_API int hash_table_put2(HASH_TABLE_ST* table, const char* tag, void* value,
                            HASH_FREE free_value);
 
-/** @return the value stored for the tag, which stays the table's; null when there is none. */
+/**
+ * Looks a tag up.
+ * @param table the table.
+ * @param tag   the tag.
+ * @return the value stored for the tag, which stays the table's; null when there is none.
+ */
 DM_API void* hash_table_get(const HASH_TABLE_ST* table, const char* tag);
 
 /**
  * Removes a tag and releases its value. A tag that is not stored changes nothing.
- * @param tag may point into the value.
+ * @param table the table.
+ * @param tag   may point into the value.
  */
 DM_API void hash_table_rm(HASH_TABLE_ST* table, const char* tag);
 
-/** @return the number of stored tags, modulo 65536. */
+/**
+ * Counts the tags, by walking the whole table.
+ * @param table the table.
+ * @return the number of stored tags, modulo 65536.
+ */
 DM_API uint16_t count_hash_table(const HASH_TABLE_ST* table);
 
 /**
  * Lists values by ascending bucket, and within a bucket in the order in which their tags were first
  * stored.
+ * @param table    the table.
  * @param values   receives the values, which stay the table's.
  * @param capacity elements of @p values. It is taken modulo 65536, so more than 65535 values cannot
  *                 be listed, and a negative capacity is a large one.
@@ -111,7 +131,10 @@ DM_API uint16_t count_hash_table(const HASH_TABLE_ST* table);
  */
 DM_API uint16_t get_hash_table_value(const HASH_TABLE_ST* table, void** values, int32_t capacity);
 
-/** Walks the table and shows nothing. It is there for callers that were built against it. */
+/**
+ * Walks the table and shows nothing. It is there for callers that were built against it.
+ * @param table the table.
+ */
 DM_API void display_hash_table(const HASH_TABLE_ST* table);
 
 DM_END_DECLS

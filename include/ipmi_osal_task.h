@@ -19,25 +19,29 @@
 
 DM_BEGIN_DECLS
 
-/** Results of osal_create_task(). */
+/* Results of osal_create_task(). */
 #define OSAL_TASK_NO_MEMORY (-1)  /**< no memory, or memset_s() failed */
 #define OSAL_TASK_REFUSED 2       /**< pthread_create(3) failed */
 #define OSAL_TASK_BAD_PARAMETER 5 /**< the priority is above 255 */
 
-/** Results of osal_delete_task(). */
+/* Results of osal_delete_task(). */
 #define OSAL_TASK_GONE 1        /**< the thread does not exist any more */
 #define OSAL_TASK_NOT_DELETED 6 /**< it could not be cancelled for another reason */
 
 /** What both cells of a thread identifier hold when there is no thread. */
 #define OSAL_NO_THREAD 0xFFFFFFFFU
 
-/** The entry routine of a thread. Its result is the thread's exit value. */
+/**
+ * The entry routine of a thread.
+ * @param arg as given to osal_create_task().
+ * @return the thread's exit value, which nobody collects.
+ */
 typedef uint64_t (*OSAL_TASK_ENTRY)(uint64_t arg);
 
 /** What a new thread begins with. The thread frees it, however it ends. */
 typedef struct OSAL_TASK_PARA_ST {
-    OSAL_TASK_ENTRY entry;
-    uint64_t arg;
+    OSAL_TASK_ENTRY entry; /**< must not be null */
+    uint64_t arg;          /**< given to entry */
     const char* name; /**< the creator's string, not a copy; null leaves the thread's name alone */
 } OSAL_TASK_PARA_ST;
 
@@ -79,23 +83,42 @@ DM_API int64_t osal_create_task(const char* name, OSAL_TASK_ENTRY entry, uint64_
  * thread must exist, as for pthread_cancel(3). An identifier is used again by the C library once
  * its thread has ended: a thread that the caller made by other means, on the identifier of an ended
  * one of this layer, is known to be alive only after it has called osal_get_self_id().
+ * @param thread the thread's identifier.
  * @return 0 when the cancellation was requested. When it failed, as for OSAL_NO_THREAD, errno
  *         decides, which neither a failed pthread_cancel(3) nor this call sets: OSAL_TASK_GONE if
  *         it reads ESRCH (3), otherwise OSAL_TASK_NOT_DELETED.
  */
 DM_API uint64_t osal_delete_task(uint64_t thread);
 
-/** @return the calling thread's identifier, pthread_self(3). */
+/**
+ * Tells who calls.
+ * @return the calling thread's identifier, pthread_self(3).
+ */
 DM_API uint64_t osal_get_self_id(void);
 
-/** @return the process's identifier, getpid(2). */
+/**
+ * Tells which process calls.
+ * @return the process's identifier, getpid(2).
+ */
 DM_API int32_t osal_get_process_id(void);
 
-/** Does nothing: the scheduler cannot be locked on this platform. @return 0. */
+/**
+ * Does nothing: the scheduler cannot be locked on this platform.
+ * @return 0.
+ */
 DM_API uint64_t osal_task_lock(void);
+
+/**
+ * Does nothing, as osal_task_lock().
+ * @return 0.
+ */
 DM_API uint64_t osal_task_unlock(void);
 
-/** Sleeps for @p ms milliseconds, or until a signal is handled (select(2)). @return 0. */
+/**
+ * Sleeps, or until a signal is handled (select(2)).
+ * @param ms in milliseconds.
+ * @return 0.
+ */
 DM_API uint64_t osal_task_delay(uint64_t ms);
 
 /**
@@ -110,6 +133,9 @@ DM_API uint64_t set_thread_attr_by_prio(uint64_t priority, pthread_attr_t* attr)
 /**
  * The same for a pre-emptive thread: SCHED_RR. 0 to 255 is spread over the policy's priorities
  * from 1 on: with Linux's 1 to 99, 0 becomes 1, 25 becomes 10, 128 becomes 50 and 255 becomes 99.
+ * @param priority 0 to 255.
+ * @param attr     initialised here; the caller destroys it with pthread_attr_destroy(3).
+ * @return 0, or 1 for a null @p attr.
  */
 DM_API uint64_t set_thread_attr_by_prio_preempt(uint64_t priority, pthread_attr_t* attr);
 

@@ -47,8 +47,8 @@ enum {
 
 /** A waiting thread. */
 typedef struct THREAD_WAITER_NODE_ST {
-    uint64_t tid;
-    struct THREAD_WAITER_NODE_ST* next;
+    uint64_t tid;                       /**< the waiting thread, pthread_self(3) */
+    struct THREAD_WAITER_NODE_ST* next; /**< who waits behind it, or null */
 } THREAD_WAITER_NODE_ST;
 
 /** A lock. For inspection only, with `mutex` held. */
@@ -73,7 +73,9 @@ DM_ASSERT_OFFSET(THREAD_WAITER_NODE_ST, tid, 0);
 DM_ASSERT_OFFSET(THREAD_WAITER_NODE_ST, next, 8);
 
 /* The sizes of the POSIX types are the platform's: 40, 56 and 48 bytes with glibc on x86-64. */
+/** Where a lock's condition variable is, in bytes: 104 with glibc on x86-64. */
 #define THREAD_TIMED_COND_OFFSET (8 + sizeof(pthread_mutex_t) + sizeof(pthread_rwlock_t))
+/** Where the fields behind it begin, in bytes: 152 with glibc on x86-64. */
 #define THREAD_TIMED_STATE_OFFSET (THREAD_TIMED_COND_OFFSET + sizeof(pthread_cond_t))
 DM_ASSERT_SIZE(THREAD_TIMED_MUTEX_ST, THREAD_TIMED_STATE_OFFSET + 48);
 DM_ASSERT_OFFSET(THREAD_TIMED_MUTEX_ST, name, 0);
@@ -99,6 +101,7 @@ DM_API THREAD_TIMED_MUTEX_ST* thread_timed_malloc_id(void);
 /**
  * Initialises a lock.
  * @param name          its first 4 characters are kept.
+ * @param m             the record, the caller's.
  * @param type          THREAD_TIMED_BINARY and so on.
  * @param initial_count units that are free at first: 1 for a mutex, or a binary semaphore that is
  *                      not taken. For a counting semaphore also the most that there can be; for the
@@ -115,9 +118,10 @@ DM_API uint32_t thread_timed_mutex_init(const char* name, THREAD_TIMED_MUTEX_ST*
  * A semaphore takes a unit that is free when nobody waits, and otherwise queues: whoever unlocks
  * hands the unit to one waiter. A mutex is locked again by its owner at once, and then needs one
  * unlock more. For a mutex one wake-up decides: there is no second wait.
- * @param timeout_ms 0 waits for ever. A semaphore then reports a dead lock, in the log and with
- *                   THREAD_TIMED_FAILED, to the thread that locked it last. For a read-write lock
- *                   there is no time-out: anything but 0 takes a read lock, 0 the write lock.
+ * @param m          the lock.
+ * @param timeout_ms in milliseconds; 0 waits for ever. A semaphore then reports a dead lock, in the
+ * log and with THREAD_TIMED_FAILED, to the thread that locked it last. For a read-write lock there
+ * is no time-out: anything but 0 takes a read lock, 0 the write lock.
  * @return 0, THREAD_TIMED_NULL, THREAD_TIMED_BAD_TYPE, THREAD_TIMED_TIMEOUT or THREAD_TIMED_FAILED.
  */
 DM_API uint32_t thread_timed_mutex_lock(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms);
@@ -125,6 +129,7 @@ DM_API uint32_t thread_timed_mutex_lock(THREAD_TIMED_MUTEX_ST* m, uint32_t timeo
 /**
  * Locks if that needs no wait. A mutex is also locked again by its owner, but must not be unlocked
  * once more for that.
+ * @param m    the lock.
  * @param read for a read-write lock: anything but 0 tries a read lock, 0 the write lock.
  * @return 0, THREAD_TIMED_NULL, THREAD_TIMED_BAD_TYPE, or THREAD_TIMED_FAILED when it is busy.
  */
@@ -134,6 +139,7 @@ DM_API uint32_t thread_timed_mutex_trylock(THREAD_TIMED_MUTEX_ST* m, int32_t rea
  * Unlocks. A semaphore may be unlocked by anybody. So may a mutex that was locked once; one that
  * was locked again loses a nesting level when its owner unlocks it, all of them when its owner has
  * ended (the next unlock then releases it), and none otherwise.
+ * @param m the lock.
  * @return 0, THREAD_TIMED_NULL, THREAD_TIMED_BAD_TYPE or THREAD_TIMED_UNLOCK_FAILED.
  */
 DM_API uint32_t thread_timed_mutex_unlock(THREAD_TIMED_MUTEX_ST* m);
@@ -141,32 +147,60 @@ DM_API uint32_t thread_timed_mutex_unlock(THREAD_TIMED_MUTEX_ST* m);
 /**
  * Destroys a lock that no thread uses any more. The record and waiter nodes that cancelled threads
  * left are not freed. A record with a negative type is left alone.
+ * @param m the lock; the record stays the caller's.
  * @return 0, or THREAD_TIMED_NULL.
  */
 DM_API uint32_t thread_timed_mutex_destroy(THREAD_TIMED_MUTEX_ST* m);
 
 /**
- * Appends a thread to the waiter list.
+ * Appends a thread to the waiter list, with the record's `mutex` held.
+ * @param m   the lock.
+ * @param tid the thread, pthread_self(3).
  * @return 0; 1 for a null record or without memory; or the number that memset_s() returned.
  */
 DM_API int32_t thread_timed_mutex_list_add(THREAD_TIMED_MUTEX_ST* m, uint64_t tid);
 
-/** Removes a thread's first node from the waiter list, if there is one. */
+/**
+ * Removes a thread's first node from the waiter list, if there is one, with the record's `mutex`
+ * held.
+ * @param m   the lock; null is ignored.
+ * @param tid the thread, pthread_self(3).
+ */
 DM_API void thread_timed_mutex_list_del(THREAD_TIMED_MUTEX_ST* m, uint64_t tid);
 
 /**
- * Locks a semaphore, or a mutex: what thread_timed_mutex_lock() does for these types.
- * @param m    must not be null.
- * @param self the calling thread, pthread_self(3).
+ * Locks a semaphore: what thread_timed_mutex_lock() does for these types.
+ * @param m          must not be null.
+ * @param timeout_ms in milliseconds; 0 waits for ever.
+ * @param self       the calling thread, pthread_self(3).
  * @return 0, THREAD_TIMED_TIMEOUT or THREAD_TIMED_FAILED.
  */
 DM_API uint32_t thead_timed_sem_bin_or_count_lock(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms,
                                                   pthread_t self);
+
+/**
+ * Locks a mutex: what thread_timed_mutex_lock() does for this type.
+ * @param m          must not be null.
+ * @param timeout_ms in milliseconds; 0 waits for ever.
+ * @param self       the calling thread, pthread_self(3).
+ * @return 0, THREAD_TIMED_TIMEOUT or THREAD_TIMED_FAILED.
+ */
 DM_API uint32_t thead_timed_sem_mutex_lock(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms,
                                            pthread_t self);
 
-/** Unlocks a semaphore, or a mutex, as thread_timed_mutex_unlock() does. @return 0. */
+/**
+ * Unlocks a semaphore, as thread_timed_mutex_unlock() does.
+ * @param m must not be null.
+ * @return 0.
+ */
 DM_API uint32_t thread_timed_sem_bin_or_count_unlock(THREAD_TIMED_MUTEX_ST* m);
+
+/**
+ * Unlocks a mutex, as thread_timed_mutex_unlock() does.
+ * @param m    must not be null.
+ * @param self the calling thread, pthread_self(3).
+ * @return 0.
+ */
 DM_API uint32_t thread_timed_sem_mutex_unlock(THREAD_TIMED_MUTEX_ST* m, pthread_t self);
 
 DM_END_DECLS

@@ -66,6 +66,7 @@ DM_API uint32_t vos_queue_asy_write(uint64_t qid, const void* data, uint32_t len
 
 /**
  * Waits for a message and reads it.
+ * @param qid        as for vos_queue_asy_write().
  * @param timeout_ms 0 waits for ever. Otherwise the queue is looked at every 100 ms, timeout_ms /
  *                   100 times; below 100 and for a negative time not once, even when a message is
  *                   there. A queue that is not there counts as an empty one.
@@ -79,6 +80,7 @@ DM_API uint32_t vos_queue_read(uint64_t qid, int32_t timeout_ms, void* buf, uint
 
 /**
  * Reads a message if one is there.
+ * @param qid as for vos_queue_asy_write().
  * @param buf receives the message.
  * @param len bytes to copy, not 0 and not more than were written.
  * @return @p len; VOS_QUEUE_REFUSED for a null buffer or no length, when the copy failed, or with
@@ -89,6 +91,7 @@ DM_API uint32_t vos_queue_asy_read(uint64_t qid, void* buf, uint32_t len);
 /**
  * Removes a queue and wakes its readers. Messages that were not read are lost with their memory:
  * read them before.
+ * @param qid as for vos_queue_asy_write().
  * @return 0, or -1 with the errno of msgctl(2).
  */
 DM_API int vos_queue_delete(uint64_t qid);

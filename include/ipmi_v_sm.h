@@ -24,19 +24,31 @@ extern DM_API pthread_mutex_t g_task_splmutex;
 /** 0 after every vos_splx() that unlocked; nothing in the library sets it to anything else. */
 extern DM_API uint64_t sm_threadid;
 
-/** Initialises a mutex with default attributes. A null mutex is ignored. */
+/**
+ * Initialises a mutex with default attributes.
+ * @param mutex the caller's; null is ignored.
+ */
 DM_API void vos_spl_init(pthread_mutex_t* mutex);
 
 /**
  * Locks a mutex. It does not nest: a thread that locks it twice blocks itself.
+ * @param mutex initialised, or null.
  * @return the level to give to vos_splx(): 1 when locked, 0 when not, or for a null mutex.
  */
 DM_API uint64_t vos_spl_imp(pthread_mutex_t* mutex);
 
-/** Unlocks a mutex when @p level is 1; does nothing for other levels or a null mutex. */
+/**
+ * Unlocks a mutex when @p level is 1; does nothing for other levels.
+ * @param level what vos_spl_imp() gave.
+ * @param mutex null is ignored.
+ */
 DM_API void vos_splx(uint64_t level, pthread_mutex_t* mutex);
 
-/** Sets @p ts to the wall clock's time (gettimeofday(2)) plus @p ms milliseconds. */
+/**
+ * Tells a deadline on the wall clock (gettimeofday(2)).
+ * @param ts receives the time now plus @p ms; must not be null.
+ * @param ms in milliseconds.
+ */
 DM_API void get_abs_time(struct timespec* ts, uint64_t ms);
 
 /**
@@ -52,17 +64,27 @@ DM_API void get_abs_time(struct timespec* ts, uint64_t ms);
 DM_API uint32_t vos_sm_bcreate(const char* name, uint32_t initial_count, uint64_t flags,
                                THREAD_TIMED_MUTEX_ST** out_sm);
 
-/** Deletes a semaphore that no thread uses any more. @return 0, or 1 for null. */
+/**
+ * Deletes a semaphore that no thread uses any more.
+ * @param sm from vos_sm_bcreate(); it is freed.
+ * @return 0, or 1 for null.
+ */
 DM_API uint32_t vos_sm_delete(THREAD_TIMED_MUTEX_ST* sm);
 
 /**
  * Takes a semaphore.
- * @param timeout_ms 0 waits for ever, and reports a dead lock when the caller holds it already.
+ * @param sm         from vos_sm_bcreate().
+ * @param timeout_ms in milliseconds; 0 waits for ever, and reports a dead lock when the caller
+ * holds it already.
  * @return 0, 1 for null, or a THREAD_TIMED_ code.
  */
 DM_API uint32_t vos_sm_p(THREAD_TIMED_MUTEX_ST* sm, uint32_t timeout_ms);
 
-/** Gives a semaphore, from any thread. @return 0, or 1 for null. */
+/**
+ * Gives a semaphore, from any thread.
+ * @param sm from vos_sm_bcreate().
+ * @return 0, or 1 for null.
+ */
 DM_API uint32_t vos_sm_v(THREAD_TIMED_MUTEX_ST* sm);
 
 DM_END_DECLS

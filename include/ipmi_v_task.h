@@ -31,8 +31,8 @@ DM_BEGIN_DECLS
 
 #define VOS_TASK_MAX 1010U        /**< task numbers are 1 to this */
 #define VOS_TASK_NONE 0xFFFFFFFFU /**< no task, no thread, no process number */
-#define VOS_TASK_NAME_SIZE 30
-#define VOS_TASK_DESC_SIZE 51
+#define VOS_TASK_NAME_SIZE 30     /**< room for a task's name, in bytes, with its zero */
+#define VOS_TASK_DESC_SIZE 51     /**< room for a task's description, in bytes, with its zero */
 
 #define VOS_TASK_BAD_NUMBER 0x20000000U    /**< no task has that number */
 #define VOS_TASK_NO_BLOCK 0x20000001U      /**< no number is free, or the priority above 255 */
@@ -42,37 +42,43 @@ DM_BEGIN_DECLS
 #define VOS_TASK_NONE_LIVE 0x20000006U     /**< no live task is counted */
 #define VOS_TASK_NULL 0x20000011U          /**< an argument is null */
 
-/** What a task runs. */
+/**
+ * What a task runs.
+ * @param arg0 the first of the four values given with the task.
+ * @param arg1 the second.
+ * @param arg2 the third.
+ * @param arg3 the fourth.
+ */
 typedef void (*VOS_TASK_ENTRY)(uint64_t arg0, uint64_t arg1, uint64_t arg2, uint64_t arg3);
 
 /** A task's control block. The reserved words carry no meaning. */
 typedef struct VOS_TASK_CB_ST {
-    uint64_t reserved_head[2];
-    uint32_t used; /**< 1 while the block holds a task, else 0 */
-    uint64_t reserved_used;
+    uint64_t reserved_head[2];     /**< reserved */
+    uint32_t used;                 /**< 1 while the block holds a task, else 0 */
+    uint64_t reserved_used;        /**< reserved */
     char name[VOS_TASK_NAME_SIZE]; /**< the kernel knows the thread by its first 15 characters */
     char desc[VOS_TASK_DESC_SIZE]; /**< a second string of the creator's, or empty */
     uint64_t tid;                  /**< the thread, VOS_TASK_NONE while there is none */
     uint64_t tid_copy;             /**< the same */
     uint64_t pid;                  /**< from vos_gen_pid_for_task(), sign-extended */
-    uint64_t reserved_pid;
-    VOS_TASK_ENTRY pfn_local_task_entry;
-    uint64_t args[4];
-    uint64_t reserved_args;
-    uint64_t prio; /**< 0 to 255, as given */
-    uint64_t prio_cur;
-    uint64_t flags;      /**< as given; bit 0: pre-emptive */
-    uint64_t stack_size; /**< in bytes, as given, or 32768 for 0 */
-    uint64_t stack_size_cur;
-    uint64_t stack_frame; /**< always 0 */
-    uint64_t reserved_zero[8];
-    uint64_t reserved_ones;
-    uint64_t reserved_word;
-    uint64_t reserved_more[3];
-    uint32_t reserved_pair[2];
-    uint64_t reserved_created[2];
-    uint64_t reserved_last[4];
-    uint8_t reserved_tail[32];
+    uint64_t reserved_pid;         /**< reserved */
+    VOS_TASK_ENTRY pfn_local_task_entry; /**< what the task runs */
+    uint64_t args[4];                    /**< its four arguments */
+    uint64_t reserved_args;              /**< reserved */
+    uint64_t prio;                       /**< 0 to 255, as given */
+    uint64_t prio_cur;                   /**< the same */
+    uint64_t flags;                      /**< as given; bit 0: pre-emptive */
+    uint64_t stack_size;                 /**< in bytes, as given, or 32768 for 0 */
+    uint64_t stack_size_cur;             /**< the same */
+    uint64_t stack_frame;                /**< always 0 */
+    uint64_t reserved_zero[8];           /**< reserved */
+    uint64_t reserved_ones;              /**< reserved */
+    uint64_t reserved_word;              /**< reserved */
+    uint64_t reserved_more[3];           /**< reserved */
+    uint32_t reserved_pair[2];           /**< reserved */
+    uint64_t reserved_created[2];        /**< reserved */
+    uint64_t reserved_last[4];           /**< reserved */
+    uint8_t reserved_tail[32];           /**< reserved */
 } VOS_TASK_CB_ST;
 
 DM_ASSERT_SIZE(VOS_TASK_CB_ST, 440);
@@ -118,19 +124,19 @@ extern DM_API int32_t g_n_local_process_id;
 /** 0 until task_task_info_init(); new tasks wait for it before they run. */
 extern DM_API uint8_t dispatching;
 
-/** Tables of VOS_TASK_MAX entries, made with the table of blocks: all ones, and not used. */
-extern DM_API uint64_t* m_pul_task_prio_que;
-extern DM_API uint64_t m_ul_task_prio_que_len;
-extern DM_API uint64_t (*m_p_tid2vid)[2]; /**< thread identifier, task number */
-extern DM_API uint64_t m_ul_tid2vid_num;
+/* Tables of VOS_TASK_MAX entries, made with the table of blocks: all ones, and not used. */
+extern DM_API uint64_t* m_pul_task_prio_que;   /**< a table that is not used; null until made */
+extern DM_API uint64_t m_ul_task_prio_que_len; /**< a count that goes with it */
+extern DM_API uint64_t (*m_p_tid2vid)[2];      /**< a table that is not used; null until made */
+extern DM_API uint64_t m_ul_tid2vid_num;       /**< a count that goes with it */
 
-/** A monitor's storage, which the library neither reads nor writes. */
-extern DM_API uint64_t g_ul_watch_dog_time;
-extern DM_API uint64_t g_basic_monitor_info[19];
-extern DM_API uint64_t g_ul_is_monitor_dead_cycle;
-extern DM_API uint32_t g_aui_fid_msg_to_task_no[256];
-extern DM_API uint64_t g_ul_switch_flag;
-extern DM_API char m_ach_task_name[VOS_TASK_NAME_SIZE];
+/* A monitor's storage, which the library neither reads nor writes. */
+extern DM_API uint64_t g_ul_watch_dog_time;             /**< a monitor's; not used here */
+extern DM_API uint64_t g_basic_monitor_info[19];        /**< a monitor's; not used here */
+extern DM_API uint64_t g_ul_is_monitor_dead_cycle;      /**< a monitor's; not used here */
+extern DM_API uint32_t g_aui_fid_msg_to_task_no[256];   /**< a monitor's; not used here */
+extern DM_API uint64_t g_ul_switch_flag;                /**< a monitor's; not used here */
+extern DM_API char m_ach_task_name[VOS_TASK_NAME_SIZE]; /**< a monitor's; not used here */
 
 /**
  * Makes the tables and lets tasks run. A further call after one that succeeded leaves tables,
@@ -141,11 +147,27 @@ DM_API uint32_t task_task_info_init(void);
 
 /**
  * Creates a task of normal scheduling: vos_create_task_ex() without a description, flags 0.
+ * @param name        at most 29 bytes are read, up to its end, and kept.
+ * @param out_task_no receives the lowest free task number; VOS_TASK_NONE on every failure.
+ * @param entry       what it runs.
+ * @param priority    0 to 255.
+ * @param stack_size  in bytes, see osal_create_task().
+ * @param args        four values for @p entry; copied.
+ * @return as vos_create_task_ex().
  */
 DM_API uint32_t vos_create_task(const char* name, uint32_t* out_task_no, VOS_TASK_ENTRY entry,
                                 uint64_t priority, uint64_t stack_size, const uint64_t* args);
 
-/** The same for a pre-emptive task: flags 1. */
+/**
+ * The same for a pre-emptive task: flags 1.
+ * @param name        at most 29 bytes are read, up to its end, and kept.
+ * @param out_task_no receives the lowest free task number; VOS_TASK_NONE on every failure.
+ * @param entry       what it runs.
+ * @param priority    0 to 255.
+ * @param stack_size  in bytes, see osal_create_task().
+ * @param args        four values for @p entry; copied.
+ * @return as vos_create_task_ex().
+ */
 DM_API uint32_t vos_create_task_preempt(const char* name, uint32_t* out_task_no,
                                         VOS_TASK_ENTRY entry, uint64_t priority,
                                         uint64_t stack_size, const uint64_t* args);
@@ -155,12 +177,13 @@ DM_API uint32_t vos_create_task_preempt(const char* name, uint32_t* out_task_no,
  * @param name        at most 29 bytes are read, up to its end, and kept.
  * @param desc        at most 50 characters are kept; may be null.
  * @param out_task_no receives the lowest free task number; VOS_TASK_NONE on every failure.
+ * @param entry       what it runs.
  * @param priority    0 to 255.
  * @param stack_size  in bytes, see osal_create_task().
  * @param args        four values for @p entry; copied.
  * @param flags       bit 0: pre-emptive, see osal_create_task().
- * @return 0; VOS_TASK_NULL for a null argument other than @p desc; VOS_TASK_NO_BLOCK; 1 when @p
- * desc could not be copied; VOS_TASK_NO_THREAD.
+ * @return 0; VOS_TASK_NULL for a null argument other than @p desc; VOS_TASK_NO_BLOCK; 1 when
+ *         @p desc could not be copied; VOS_TASK_NO_THREAD.
  */
 DM_API uint32_t vos_create_task_ex(const char* name, const char* desc, uint32_t* out_task_no,
                                    VOS_TASK_ENTRY entry, uint64_t priority, uint64_t stack_size,
@@ -169,11 +192,18 @@ DM_API uint32_t vos_create_task_ex(const char* name, const char* desc, uint32_t*
 /**
  * Fills a block, without a thread. Called with g_task_splmutex held, which stays so on success. No
  * pointer but @p desc may be null.
+ * @param name        the task's name, as for vos_create_task_ex().
  * @param out_block   receives the block.
+ * @param desc        a description, as for vos_create_task_ex().
  * @param task_no     a free number.
  * @param out_task_no receives @p task_no, or VOS_TASK_NONE on failure.
+ * @param entry       what the task is to run.
+ * @param priority    0 to 255, as given.
+ * @param args        four values for @p entry; copied.
  * @param spl_level   the level that vos_spl_imp() gave: on failure, and when the thread is
- * cancelled in here, the lock is released with it.
+ *                    cancelled in here, the lock is released with it.
+ * @param stack_size  in bytes, as given.
+ * @param flags       bit 0: pre-emptive.
  * @return 0; 1 when @p desc could not be copied, the block is then free again; VOS_TASK_BAD_NUMBER
  *         without such a block.
  */
@@ -195,6 +225,7 @@ DM_API uint64_t vos_task_entry(uint64_t arg);
  *
  * Of several deletions, and the task's own end, one comes first; for the others there is no such
  * task. A thread that is not the task's is never cancelled.
+ * @param task_no the task's number.
  * @return 0; VOS_TASK_BAD_NUMBER; VOS_TASK_NONE_LIVE, with the task left alone;
  *         VOS_TASK_NOT_CANCELLED, with the number free, among others when the thread had ended by
  *         other means.
@@ -210,39 +241,70 @@ DM_API uint32_t vos_delete_task(uint32_t task_no);
 DM_API void vos_task_clean_up_handler(void* task_no);
 
 /**
- * Frees a block; takes no SPL lock. A number above the largest is ignored. A block whose tail could
- * not be cleared (memset_s()) stays in use for good.
+ * Frees a block; takes no SPL lock. A block whose tail could not be cleared (memset_s()) stays in
+ * use for good.
+ * @param task_no the task's number; one above the largest is ignored.
  */
 DM_API void free_task_cb(uint32_t task_no);
 
-/** Frees all blocks. */
+/** Frees all blocks; takes no SPL lock. */
 DM_API void init_task_cb(void);
 
-/** @return the lowest free task number, or VOS_TASK_NONE. Called with g_task_splmutex held. */
+/**
+ * Finds a free block. Called with g_task_splmutex held.
+ * @return the lowest free task number, or VOS_TASK_NONE.
+ */
 DM_API uint32_t search_free_tcb(void);
 
-/** @return the calling task's number, or VOS_TASK_NONE for a thread that is no task. */
+/**
+ * Tells which task calls.
+ * @return the calling task's number, or VOS_TASK_NONE for a thread that is no task.
+ */
 DM_API uint32_t vos_get_current_task_id(void);
 
-/** @return the calling task's process number, or VOS_TASK_NONE; the creator sets it last. */
+/**
+ * Tells the calling task's process number, which its creator sets last.
+ * @return the number, or VOS_TASK_NONE.
+ */
 DM_API uint64_t vos_get_current_pid(void);
 
-/** @return a task's thread, or VOS_TASK_NONE. @param task_no 0 means the calling task. */
+/**
+ * Tells a task's thread.
+ * @param task_no the task's number; 0 means the calling task.
+ * @return the thread's identifier, or VOS_TASK_NONE.
+ */
 DM_API uint64_t vos_get_sys_task_id(uint32_t task_no);
 
-/** @return 1 when a task has that number, else 0. */
+/**
+ * Checks a number.
+ * @param task_no any number.
+ * @return 1 when a task has that number, else 0.
+ */
 DM_API uint32_t vos_check_task_idvalid(uint32_t task_no);
 
-/** Sleeps, see osal_task_delay(). @return 0. */
+/**
+ * Sleeps, see osal_task_delay().
+ * @param ms in milliseconds.
+ * @return 0.
+ */
 DM_API uint32_t vos_task_delay(uint64_t ms);
 
-/** @return 1 once tasks may run, else 0. */
+/**
+ * Tells whether task_task_info_init() has let tasks run.
+ * @return 1 once tasks may run, else 0.
+ */
 DM_API uint32_t vos_task_is_dispatching(void);
 
-/** @return 0: stack frames are not known on this platform. */
+/**
+ * Stack frames are not known on this platform.
+ * @return 0.
+ */
 DM_API uint64_t get_stackframe(void);
 
-/** @return the next process number: the process's identifier plus 1, plus 2, and so on. */
+/**
+ * Makes a process number for a task.
+ * @return the next one: the process's identifier plus 1, plus 2, and so on.
+ */
 DM_API int32_t vos_gen_pid_for_task(void);
 
 DM_END_DECLS

@@ -14,23 +14,55 @@
 
 #include "dm_export.h"
 
-/** Levels that CheckLogLevel() takes. */
-#define PLATFORM_LOG_DEBUG 0
-#define PLATFORM_LOG_INFO 1
-#define PLATFORM_LOG_WARNING 2
-#define PLATFORM_LOG_ERROR 3
+/* Levels that CheckLogLevel() takes. */
+#define PLATFORM_LOG_DEBUG 0   /**< what only a developer reads */
+#define PLATFORM_LOG_INFO 1    /**< what happens */
+#define PLATFORM_LOG_WARNING 2 /**< what is unusual */
+#define PLATFORM_LOG_ERROR 3   /**< what failed */
 
 DM_BEGIN_DECLS
 
-/** @return 1 when a line of that module and level is written, 0 when it is not. */
+/**
+ * Tells whether a line is written.
+ * @param module number of the writing module.
+ * @param level PLATFORM_LOG_DEBUG to PLATFORM_LOG_ERROR.
+ * @return 1 when a line of that module and level is written, 0 when it is not.
+ */
 DM_API int CheckLogLevel(int module, int level);
 
+/**
+ * Writes an error line.
+ * @param module number of the writing module.
+ * @param format as in printf(3).
+ * @param ... what it asks for.
+ */
 DM_API void DlogErrorInner(int module, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
+
+/**
+ * Writes a warning.
+ * @param module number of the writing module.
+ * @param format as in printf(3).
+ * @param ... what it asks for.
+ */
 DM_API void DlogWarnInner(int module, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
+
+/**
+ * Writes an informational line.
+ * @param module number of the writing module.
+ * @param format as in printf(3).
+ * @param ... what it asks for.
+ */
 DM_API void DlogInfoInner(int module, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
+
+/**
+ * Writes a debugging line.
+ * @param module number of the writing module.
+ * @param format as in printf(3).
+ * @param ... what it asks for.
+ */
 DM_API void DlogDebugInner(int module, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 
