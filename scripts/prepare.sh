@@ -6,6 +6,7 @@ packages_build=(g++ cmake ninja-build pkg-config libgtest-dev libbenchmark-dev l
 packages_lint=(clang clang-format clang-tidy)
 packages_package=(dpkg-dev file lintian)
 packages_package_test=(bash-completion systemd)
+packages_reference=(doxygen mandoc)
 
 # Prints those of the given packages that are not installed.
 missing_packages() {
