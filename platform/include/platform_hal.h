@@ -91,7 +91,7 @@ DM_API int32_t drvHdcClientCreate(HDC_CLIENT* client, int32_t max_sessions, int3
 DM_API int32_t drvHdcClientDestroy(HDC_CLIENT client);
 
 /**
- * Waits for a client. A cancellation point.
+ * Waits for a client. May be a cancellation point.
  * @param server the server.
  * @param session receives the open session, to be given to drvHdcSessionClose().
  * @return 0, or a code of the HAL's.
@@ -159,7 +159,7 @@ DM_API int32_t drvHdcGetMsgBuffer(HAL_HDC_MSG* msg, int32_t index, char** buffer
 DM_API int32_t drvHdcFreeMsg(HAL_HDC_MSG* msg);
 
 /**
- * Sends a message's buffers as one message. A cancellation point.
+ * Sends a message's buffers as one message. May be a cancellation point.
  * @param session the session.
  * @param msg the message, which stays the caller's.
  * @param flag HAL_HDC_WAIT_TIMEOUT.
@@ -170,7 +170,7 @@ DM_API int32_t halHdcSend(HDC_SESSION session, HAL_HDC_MSG* msg, uint64_t flag,
                           uint32_t timeout_ms);
 
 /**
- * Receives one message, whole. A cancellation point.
+ * Receives one message, whole. May be a cancellation point.
  * @param session the session.
  * @param msg an empty message, which receives it.
  * @param buffer_length a hint; a longer message up to the channel's capacity comes all the same.

@@ -11,6 +11,7 @@ scratch=$(mktemp -d)
 
 finish() {
     cat "$scratch/work/output.txt" || true
+    # shellcheck disable=SC2046 # a list of process ids
     kill $(jobs -p) 2>/dev/null || true
     rm -rf "$scratch"
 }
@@ -54,10 +55,11 @@ export PATH=$prefix/bin:$PATH
 
 # A port that the system gave away just now, in place of the page's.
 coproc dmond --udp 127.0.0.1:0
+daemon=$COPROC_PID
 read -r -t 30 ready <&"${COPROC[0]}"
 port=${ready##*:}
-kill "$COPROC_PID"
-wait "$COPROC_PID"
+kill "$daemon"
+wait "$daemon"
 sed "s/\\b7400\\b/$port/g" "$page" >"$scratch/page.md"
 
 mkdir "$scratch/work"
