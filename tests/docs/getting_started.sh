@@ -4,9 +4,9 @@
 # Usage: getting_started.sh PAGE BUILD_TREE   against a build tree, with packages made up for it
 #        getting_started.sh PAGE PREFIX       against what is installed there
 set -euo pipefail
-page=$1
-prefix=$2
-extract=$(dirname "$0")/extract_code.awk
+page=$(realpath "$1")
+prefix=$(realpath "$2")
+extract=$(dirname "$(realpath "$0")")/extract_code.awk
 scratch=$(mktemp -d)
 
 finish() {
