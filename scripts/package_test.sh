@@ -105,6 +105,7 @@ check_paths
 check_completion dmcat
 check_completion dmond
 check_unit
+tests/docs/getting_started.sh docs/getting-started.md "$prefix" | tail -n 1
 
 cp tests/package/* "$here"
 cd "$here"
