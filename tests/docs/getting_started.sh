@@ -10,7 +10,7 @@ extract=$(dirname "$(realpath "$0")")/extract_code.awk
 scratch=$(mktemp -d)
 
 finish() {
-    cat "$scratch/work/output.txt" || true
+    cat "$scratch/page/output.txt" || true
     # shellcheck disable=SC2046 # a list of process ids
     kill $(jobs -p) 2>/dev/null || true
     rm -rf "$scratch"
@@ -62,8 +62,8 @@ kill "$daemon"
 wait "$daemon"
 sed "s/\\b7400\\b/$port/g" "$page" >"$scratch/page.md"
 
-mkdir "$scratch/work"
-cd "$scratch/work"
+mkdir "$scratch/page"
+cd "$scratch/page"
 awk -v dir=. -v stem=commands -v languages="c cmake sh" -f "$extract" ../page.md
 # Names on the machine that no other run of this test has.
 sed -i "s/\\bgs-/gs$$-/g" commands_*.sh
