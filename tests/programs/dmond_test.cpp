@@ -145,17 +145,6 @@ TEST_F(Dmond, RefusesWrongMessagesWithAReason) {
     EXPECT_EQ(ping_status(peer, 0xffff), Status::too_large);
 }
 
-TEST_F(Dmond, ServesTwoClientsAtOnce) {
-    const std::vector<std::string> words = {DMCAT,        url, "ping",      "--count", "300",
-                                            "--interval", "0", "--timeout", "60000"};
-    Child first(words);
-    Child second(words);
-    for (const Outcome& outcome : {first.wait(), second.wait()}) {
-        EXPECT_EQ(outcome.status, 0) << outcome.err;
-        EXPECT_NE(outcome.out.find("300 requests, 300 answers, 0.0% loss"), std::string::npos);
-    }
-}
-
 using Random = std::independent_bits_engine<std::mt19937, 32, std::uint32_t>;
 
 // Each is right in some of its fields, so that all checks of the way in are reached.
