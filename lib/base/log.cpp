@@ -16,27 +16,27 @@ uint64_t wall_clock_ms() {
 
 } // namespace
 
-bool LogLimiter::admit(std::atomic<uint32_t>& site_count) {
+bool SubjectLog::admit(std::atomic<uint32_t>& site_count) {
     const uint64_t now = wall_clock_ms();
     uint64_t written = written_ms_.load();
     // Unsigned: a clock that was set back makes the last line look old, and does not silence the
-    // file until the clock has caught up.
+    // subject until the clock has caught up.
     const bool due = written == 0 || now - written > kIntervalMs;
     // Of several threads that find the line due, the one that stores its time writes it.
     if (due && written_ms_.compare_exchange_strong(written, now)) {
         site_count.store(0);
-        file_count_.store(0);
+        lost_.store(0);
         return true;
     }
     site_count.fetch_add(1);
-    file_count_.fetch_add(1);
+    lost_.fetch_add(1);
     return false;
 }
 
-void log_failed_check(const char* path, int line, const char* function, const char* condition) {
+void log_failed_check(const char* path, int line, const char* operation, const char* condition) {
     if (log_enabled(PLATFORM_LOG_WARNING))
         DlogWarnInner(kLogModule, DM_LOG_PREFIX "[%s %d] Drv_check:%s\n", path, line,
-                      kLogModuleName, function, line, function, line, condition);
+                      kLogModuleName, operation, line, operation, line, condition);
 }
 
 } // namespace dm

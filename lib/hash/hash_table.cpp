@@ -9,6 +9,8 @@
 
 namespace {
 
+constinit dm::SubjectLog hash_log;
+
 uint32_t __byte(char c) {
     return static_cast<uint32_t>(static_cast<signed char>(c));
 }
@@ -58,25 +60,25 @@ int hash_table_put2_tag_not_stored(HASH_NODE_ST** end, const char* tag, void* va
     const std::size_t tag_size = std::strlen(tag) + 1;
     auto tag_copy = dm::allocate<char>(tag_size);
     if (!tag_copy) {
-        DM_LOG_ERROR("malloc fail!\n");
+        DM_LOG_ERROR(hash_log, "malloc fail!\n");
         return -1;
     }
     if (const int status = dm::zero(tag_copy.get(), tag_size); status != 0) {
-        DM_LOG_ERROR("memset_s fail!\n");
+        DM_LOG_ERROR(hash_log, "memset_s fail!\n");
         return status;
     }
     auto node = dm::allocate<HASH_NODE_ST>();
     if (!node) {
         const int error = dm::errno_or(ENOMEM);
-        DM_LOG_ERROR("malloc fail!\n");
+        DM_LOG_ERROR(hash_log, "malloc fail!\n");
         return error;
     }
     if (const int status = dm::zero(node.get()); status != 0) {
-        DM_LOG_ERROR("memset_s fail!\n");
+        DM_LOG_ERROR(hash_log, "memset_s fail!\n");
         return status;
     }
     if (const int status = strcpy_s(tag_copy.get(), tag_size, tag); status != 0) {
-        DM_LOG_ERROR("strcpy_s error\n");
+        DM_LOG_ERROR(hash_log, "strcpy_s error\n");
         return status;
     }
     node->tag = tag_copy.release();
@@ -97,7 +99,7 @@ HASH_TABLE_ST* hash_table_new() {
     if (!table)
         return nullptr;
     if (dm::zero(table.get()) != 0) {
-        DM_LOG_ERROR("memset_s fail!\n");
+        DM_LOG_ERROR(hash_log, "memset_s fail!\n");
         return nullptr;
     }
     constexpr std::size_t size = HASH_TABLE_BUCKETS * sizeof(HASH_NODE_ST*);
@@ -105,7 +107,7 @@ HASH_TABLE_ST* hash_table_new() {
     if (!buckets)
         return nullptr;
     if (dm::zero(buckets.get(), size) != 0) {
-        DM_LOG_ERROR("memset_s error\n");
+        DM_LOG_ERROR(hash_log, "memset_s error\n");
         return nullptr;
     }
     table->buckets = buckets.release();
@@ -127,7 +129,7 @@ int hash_table_put2(HASH_TABLE_ST* table, const char* tag, void* value, HASH_FRE
     if (node == nullptr) {
         const int status = hash_table_put2_tag_not_stored(link, tag, value, free_value);
         if (status != 0)
-            DM_LOG_ERROR("put tag fail %d\n", status);
+            DM_LOG_ERROR(hash_log, "put tag fail %d\n", status);
         return status;
     }
     // Taken out before it runs, so that it never runs twice, though the thread be cancelled in it.

@@ -20,6 +20,8 @@
 
 namespace {
 
+constinit dm::SubjectLog hdc_log;
+
 constexpr const char* kReleasedName = "dm_hdc";
 constexpr uint32_t kTimeoutMs = 20000;
 constexpr int kOptMaxLen = 32;
@@ -65,7 +67,7 @@ void __format_hdc_msg(HDC_MSG_ST* frame, uint32_t type, const DM_HDC_ADDR_ST& de
                       const DM_HDC_ADDR_ST& own, HDC_SESSION session, const DM_DATA_ST* data,
                       uint64_t req_id) {
     if (dm::zero(frame) != 0) {
-        DM_LOG_ERROR("memset_s error\n");
+        DM_LOG_ERROR(hdc_log, "memset_s error\n");
         return;
     }
     frame->session = session;
@@ -74,7 +76,7 @@ void __format_hdc_msg(HDC_MSG_ST* frame, uint32_t type, const DM_HDC_ADDR_ST& de
     frame->req_id = req_id;
     frame->type = type;
     if (__dm_copy_payload(memcpy_s, frame->data, data) != 0) {
-        DM_LOG_ERROR("memcpy_s error\n");
+        DM_LOG_ERROR(hdc_log, "memcpy_s error\n");
         return;
     }
     frame->data_len = data->data_len;
@@ -83,13 +85,13 @@ void __format_hdc_msg(HDC_MSG_ST* frame, uint32_t type, const DM_HDC_ADDR_ST& de
 // Makes a HAL message of the frame, which must outlive it. `function` is the caller's name.
 int __make_hal_msg(HalMsg& msg, HDC_SESSION session, HDC_MSG_ST* frame, const char* function) {
     if (const int ret = __hal_msg_make(msg, session); ret != 0) {
-        DM_LOG_ERROR("%s %d alloc msg err, ret %d\n", function, __LINE__, ret);
+        DM_LOG_ERROR(hdc_log, "%s %d alloc msg err, ret %d\n", function, __LINE__, ret);
         return ret;
     }
     const int ret = drvHdcAddMsgBuffer(msg.get(), reinterpret_cast<char*>(frame),
                                        DM_HDC_HEADER_LEN + frame->data_len);
     if (ret != 0)
-        DM_LOG_ERROR("%s %d add msg err, ret %d\n", function, __LINE__, ret);
+        DM_LOG_ERROR(hdc_log, "%s %d add msg err, ret %d\n", function, __LINE__, ret);
     return ret;
 }
 
@@ -109,7 +111,7 @@ int __send_on_session(HDC_SESSION session, uint32_t type, const DM_HDC_ADDR_ST& 
     if (!DM_CHECK(frame != nullptr, "(hdc_msg != ((void *)0))"))
         return -ENOMEM;
     if (dm::zero(frame.get()) != 0) {
-        DM_LOG_ERROR("__dm_hdc_client_send: memset_s fail.errno=%d\n", errno);
+        DM_LOG_ERROR(hdc_log, "__dm_hdc_client_send: memset_s fail.errno=%d\n", errno);
         return -EINVAL;
     }
     __format_hdc_msg(frame.get(), type, dest, own, session, data, req_id);
@@ -132,7 +134,7 @@ int __dm_hdc_client_send(DM_INTF_ST* intf, uint32_t type, const DM_ADDR_ST* addr
     if (const int ret =
             __connect(dest.dev_id, channel != nullptr ? channel->handle : 0, &connected, &retry);
         ret != 0) {
-        DM_LOG_ERROR("%s %d err, ret %d, retry %d\n", __func__, __LINE__, ret, retry);
+        DM_LOG_ERROR(hdc_log, "%s %d err, ret %d, retry %d\n", __func__, __LINE__, ret, retry);
         return ret;
     }
     const HalSession session(connected);
@@ -142,7 +144,7 @@ int __dm_hdc_client_send(DM_INTF_ST* intf, uint32_t type, const DM_ADDR_ST* addr
         return ret;
     const int ret = __dm_session_recv_proc(channel, connected);
     if (ret != 0)
-        DM_LOG_ERROR("%s%d\n", "__dm_session_recv_proc error=", ret);
+        DM_LOG_ERROR(hdc_log, "%s%d\n", "__dm_session_recv_proc error=", ret);
     return ret;
 }
 
@@ -160,11 +162,11 @@ int __dm_hdc_server_send(DM_INTF_ST* intf, uint32_t type, DM_ADDR_ST* addr, cons
     __set_addr(addr, dest);
     const auto frame = dm::allocate<HDC_MSG_ST>();
     if (!frame) {
-        DM_LOG_ERROR("__dm_hdc_server_send: malloc fail.errno=%d\n", errno);
+        DM_LOG_ERROR(hdc_log, "__dm_hdc_server_send: malloc fail.errno=%d\n", errno);
         return DM_HDC_ERR_CLOSED;
     }
     if (const int ret = dm::zero(frame.get()); ret != 0) {
-        DM_LOG_ERROR("__dm_hdc_server_send: memset_s fail.errno=%d\n", errno);
+        DM_LOG_ERROR(hdc_log, "__dm_hdc_server_send: memset_s fail.errno=%d\n", errno);
         return ret;
     }
     __format_hdc_msg(frame.get(), type, dest, __hdc_addr_of(&intf->addr), dest.session, data,
@@ -174,14 +176,14 @@ int __dm_hdc_server_send(DM_INTF_ST* intf, uint32_t type, DM_ADDR_ST* addr, cons
         return ret;
     const int ret = halHdcSend(dest.session, msg.get(), HAL_HDC_WAIT_TIMEOUT, kSendTimeoutMs);
     if (ret != 0)
-        DM_LOG_ERROR("%s %d send err, ret %d\n", __func__, __LINE__, ret);
+        DM_LOG_ERROR(hdc_log, "%s %d send err, ret %d\n", __func__, __LINE__, ret);
     return ret;
 }
 
 int __dm_hdc_send(DM_INTF_ST* intf, uint32_t type, DM_ADDR_ST* addr, uint32_t /*addr_len*/,
                   DM_DATA_ST* data, uint64_t req_id) {
     if (intf == nullptr) {
-        DM_LOG_ASSERT("intf");
+        DM_LOG_ASSERT(hdc_log, "intf");
         return -1;
     }
     return __hdc_addr_of(&intf->addr).role == DM_HDC_SERVER
@@ -194,15 +196,15 @@ int __dm_hdc_send(DM_INTF_ST* intf, uint32_t type, DM_ADDR_ST* addr, uint32_t /*
 // Reads one frame. One that announces too much was written as a bare header.
 int __read_frame(int fd, HDC_MSG_ST* frame, dm::FramePipe& pipe) {
     if (pipe.read(fd, frame, DM_HDC_HEADER_LEN) != DM_HDC_HEADER_LEN) {
-        DM_LOG_ERROR("%s%d\n", "__dm_hdc_recv: read fail.errno=", errno);
+        DM_LOG_ERROR(hdc_log, "%s%d\n", "__dm_hdc_recv: read fail.errno=", errno);
         return -1;
     }
     if (frame->data_len > DM_MAX_DATA_LEN) {
-        DM_LOG_ERROR("%s%d\n", "__dm_hdc_recv: msg->data_len too long=", frame->data_len);
+        DM_LOG_ERROR(hdc_log, "%s%d\n", "__dm_hdc_recv: msg->data_len too long=", frame->data_len);
         return -1;
     }
     if (pipe.read(fd, frame->data, frame->data_len) != frame->data_len) {
-        DM_LOG_ERROR("%s%d\n", "__dm_hdc_recv: read fail.errno=", errno);
+        DM_LOG_ERROR(hdc_log, "%s%d\n", "__dm_hdc_recv: read fail.errno=", errno);
         return -1;
     }
     return 0;
@@ -212,7 +214,7 @@ int __read_frame(int fd, HDC_MSG_ST* frame, dm::FramePipe& pipe) {
 int __get_src_type(HDC_SESSION session, uint8_t* src_type) {
     int32_t run_env = 0;
     if (const int ret = halHdcGetSessionAttr(session, HAL_HDC_ATTR_RUN_ENV, &run_env); ret != 0) {
-        DM_LOG_ERROR("get session run env failed and ret=%d\n", ret);
+        DM_LOG_ERROR(hdc_log, "get session run env failed and ret=%d\n", ret);
         return -1;
     }
     switch (run_env) {
@@ -227,7 +229,7 @@ int __get_src_type(HDC_SESSION session, uint8_t* src_type) {
         *src_type = 0;
         return 0;
     default:
-        DM_LOG_ERROR("don't know session property(%d)\n", run_env);
+        DM_LOG_ERROR(hdc_log, "don't know session property(%d)\n", run_env);
         return -1;
     }
 }
@@ -235,7 +237,7 @@ int __get_src_type(HDC_SESSION session, uint8_t* src_type) {
 int __get_uid(HDC_SESSION session, uint32_t* uid) {
     int32_t value = 0;
     if (const int ret = halHdcGetSessionAttr(session, HAL_HDC_ATTR_UID, &value); ret != 0) {
-        DM_LOG_ERROR("get session uid failed and ret=%d\n", ret);
+        DM_LOG_ERROR(hdc_log, "get session uid failed and ret=%d\n", ret);
         return -1;
     }
     *uid = static_cast<uint32_t>(value);
@@ -248,7 +250,7 @@ int __copy_data(DM_DATA_ST* data, const HDC_MSG_ST* frame) {
     if (data->data_len > 0) {
         const int status = memcpy_s(data->data, capacity, frame->data, data->data_len);
         if (status != 0) {
-            DM_LOG_ERROR("memcpy_s error\n");
+            DM_LOG_ERROR(hdc_log, "memcpy_s error\n");
             return status;
         }
     }
@@ -290,7 +292,7 @@ int __dm_hdc_recv(DM_INTF_ST* intf, int32_t fd, int16_t events, DM_MSG_ST* msg) 
     if (!DM_CHECK(frame != nullptr, "(msg != ((void *)0))"))
         return -ENOMEM;
     if (dm::zero(frame.get()) != 0) {
-        DM_LOG_ERROR("__dm_hdc_recv: memset_s fail.errno=%d\n", errno);
+        DM_LOG_ERROR(hdc_log, "__dm_hdc_recv: memset_s fail.errno=%d\n", errno);
         return -EINVAL;
     }
     dm::FramePipe& pipe = __channel_of(intf)->pipe;
@@ -324,7 +326,7 @@ int __start_accepting(HdcChannel* channel) {
         return 0;
     }
     const int code = errno;
-    DM_LOG_ERROR("pthread_create error,ret = %d,errno=%d:%s\n", ret, code, strerror(code));
+    DM_LOG_ERROR(hdc_log, "pthread_create error,ret = %d,errno=%d:%s\n", ret, code, strerror(code));
     drvHdcServerDestroy(channel->handle);
     mmSleep(1);
     DM_CHECK(ret == 0, "ret == 0");
@@ -334,7 +336,7 @@ int __start_accepting(HdcChannel* channel) {
 int __open_server(HdcChannel* channel, uint32_t device_id) {
     HDC_SERVER server = 0;
     if (const int ret = __create_server(device_id, &server); ret != 0) {
-        DM_LOG_ERROR("drvHdcServerCreate failed,%s%d%s%d\n", "__dm_hdc_open", __LINE__,
+        DM_LOG_ERROR(hdc_log, "drvHdcServerCreate failed,%s%d%s%d\n", "__dm_hdc_open", __LINE__,
                      "error=", ret);
         return ret;
     }
@@ -345,7 +347,7 @@ int __open_server(HdcChannel* channel, uint32_t device_id) {
 int __open_client(HdcChannel* channel) {
     HDC_CLIENT client = 0;
     if (const int ret = drvHdcClientCreate(&client, kMaxSessions, 0, 0); ret != 0) {
-        DM_LOG_ERROR("%s%d%s%d\n", "__dm_hdc_open", __LINE__, "error=", ret);
+        DM_LOG_ERROR(hdc_log, "%s%d%s%d\n", "__dm_hdc_open", __LINE__, "error=", ret);
         return ret;
     }
     channel->handle = client;
@@ -394,7 +396,7 @@ int32_t dm_hdc_get_intf_name(int32_t num, char* buf, uint32_t size) {
     const int ret = sprintf_s(buf, size, "dm_hdc%d", num);
     if (ret >= 0)
         return 0;
-    DM_LOG_ERROR("sprintf_s return error: %d.\n", ret);
+    DM_LOG_ERROR(hdc_log, "sprintf_s return error: %d.\n", ret);
     return kNameFailed;
 }
 
@@ -409,7 +411,7 @@ int32_t dm_hdc_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER timeout_
         return ret;
     HDC_CAPACITY_ST capacity{};
     if (const int ret = drvHdcGetCapacity(&capacity); ret != 0) {
-        DM_LOG_ERROR("drvHdcGetCapacity fail: %d\n", ret);
+        DM_LOG_ERROR(hdc_log, "drvHdcGetCapacity fail: %d\n", ret);
         return ret;
     }
     if (__dm_is_duplicate(dm_cb, name))
@@ -429,6 +431,6 @@ int32_t dm_hdc_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER timeout_
     made->dm_cb = dm_cb;
     const int ret = __dm_register_or_close(dm_cb, std::move(made), intf);
     if (ret != 0)
-        DM_LOG_ERROR("dm_hdc_init->dm_intf_register fail.\n");
+        DM_LOG_ERROR(hdc_log, "dm_hdc_init->dm_intf_register fail.\n");
     return ret;
 }

@@ -18,6 +18,8 @@ int32_t g_dm_hdc_run = 1;
 
 namespace {
 
+constinit dm::SubjectLog session_log;
+
 constexpr size_t kStackSize = 131072;
 constexpr useconds_t kPauseUs = 1000;
 constexpr int kRecvAttempts = 5;
@@ -40,7 +42,7 @@ int __recv_in_time(HDC_SESSION session, HAL_HDC_MSG* msg) {
             return ret;
         DM_LOG_INFO("halHdcRecv timeout recv_cnt:%d\n", recv_cnt);
     }
-    DM_LOG_ERROR("halHdcRecv timeout.\n");
+    DM_LOG_ERROR(session_log, "halHdcRecv timeout.\n");
     return HAL_HDC_TIMEOUT;
 }
 
@@ -57,7 +59,7 @@ int __hdc_write_to_pipe(HdcChannel* channel, const HDC_MSG_ST* frame, uint32_t s
     if (channel->pipe.write(frame, size) >= 0)
         return 0;
     const int code = errno;
-    DM_LOG_ERROR("__hdc_write_to_pipe: write fail.errno=%d\r\n", code);
+    DM_LOG_ERROR(session_log, "__hdc_write_to_pipe: write fail.errno=%d\r\n", code);
     return code;
 }
 
@@ -77,13 +79,13 @@ int __hand_over(HdcChannel* channel, HDC_SESSION session, char* buf, int32_t len
     auto* frame = reinterpret_cast<HDC_MSG_ST*>(buf);
     const uint32_t size = __frame_len(frame, len > 0 ? static_cast<uint32_t>(len) : 0);
     if (size == 0) {
-        DM_LOG_ERROR("hdc message of %d bytes is too short\n", len);
+        DM_LOG_ERROR(session_log, "hdc message of %d bytes is too short\n", len);
         return -1;
     }
     frame->session = session;
     const std::lock_guard lock(channel->lock);
     if (!channel->has_intf) {
-        DM_LOG_ASSERT("intf");
+        DM_LOG_ASSERT(session_log, "intf");
         return -1;
     }
     return __hdc_write_to_pipe(channel, frame, size);
@@ -105,7 +107,7 @@ struct ACCEPTED_ST {
 void* __dm_server_recv_msg_proc(void* arg) {
     prctl(PR_SET_NAME, "server_recv_msg_proc");
     if (arg == nullptr) {
-        DM_LOG_ERROR("input arg is NULL\n");
+        DM_LOG_ERROR(session_log, "input arg is NULL\n");
         return nullptr;
     }
     const dm::Owned<ACCEPTED_ST> accepted(static_cast<ACCEPTED_ST*>(arg));
@@ -114,7 +116,7 @@ void* __dm_server_recv_msg_proc(void* arg) {
     drvHdcSetSessionReference(session.get());
     const int ret = __dm_session_recv_proc(channel.get(), session.get());
     if (ret != 0)
-        DM_LOG_ERROR("__dm_session_recv_proc error: %d.\n", ret);
+        DM_LOG_ERROR(session_log, "__dm_session_recv_proc error: %d.\n", ret);
     else
         session.release(); // open until the answer is sent
     return nullptr;
@@ -128,7 +130,7 @@ bool __create_session_thread(ACCEPTED_ST* accepted) {
     pthread_t thread;
     const bool created = pthread_create(&thread, &attr, __dm_server_recv_msg_proc, accepted) == 0;
     if (!created)
-        DM_LOG_ERROR("pthread_create fail errno=%d:%s\n", errno, strerror(errno));
+        DM_LOG_ERROR(session_log, "pthread_create fail errno=%d:%s\n", errno, strerror(errno));
     pthread_attr_destroy(&attr);
     return created;
 }
@@ -159,7 +161,7 @@ int __hdc_channel_make(HdcChannelRef& channel, int wfd) {
         return -ENOMEM;
     if (const int status = memset_s(block.get(), sizeof(HdcChannel), 0, sizeof(HdcChannel));
         status != 0) {
-        DM_LOG_ERROR("memset_s fail: %d\n", status);
+        DM_LOG_ERROR(session_log, "memset_s fail: %d\n", status);
         return status;
     }
     channel.reset(new (block.release()) HdcChannel(wfd));
@@ -191,26 +193,26 @@ void __hdc_channel_keep(HdcChannelRef channel) {
 
 int __dm_session_recv_proc(HdcChannel* channel, HDC_SESSION session) {
     if (channel != nullptr && !__has_intf(channel)) {
-        DM_LOG_ASSERT("intf");
+        DM_LOG_ASSERT(session_log, "intf");
         return -1;
     }
     if (session == 0) {
-        DM_LOG_ASSERT("session");
+        DM_LOG_ASSERT(session_log, "session");
         return -1;
     }
     if (channel == nullptr) {
-        DM_LOG_ASSERT("chan_cb");
+        DM_LOG_ASSERT(session_log, "chan_cb");
         return -1;
     }
     HalMsg msg;
     char* buf = nullptr;
     int32_t len = 0;
     if (const int ret = __dm_session_hdc_recv_proc(session, msg, &buf, &len); ret != 0) {
-        DM_LOG_ERROR("hdc recv error %d \n", ret);
+        DM_LOG_ERROR(session_log, "hdc recv error %d \n", ret);
         return ret;
     }
     if (buf == nullptr) {
-        DM_LOG_ASSERT("(hdc_msg != ((void *)0))");
+        DM_LOG_ASSERT(session_log, "(hdc_msg != ((void *)0))");
         msg.release(); // a message in this state is not given back to the HAL
         return -1;
     }
@@ -223,7 +225,7 @@ void* __dm_server_accept_proc(void* arg) {
     while (dm::load(g_dm_hdc_run) != 0) {
         HDC_SESSION session = 0;
         if (const int ret = drvHdcSessionAccept(channel->handle, &session); ret != 0) {
-            DM_LOG_ERROR("drvHdcSessionAccept error, hdc errno: %d.\n", ret);
+            DM_LOG_ERROR(session_log, "drvHdcSessionAccept error, hdc errno: %d.\n", ret);
             usleep(kPauseUs);
             continue;
         }

@@ -2,20 +2,26 @@
 
 #include "base/log.h"
 
+namespace {
+
+constinit dm::SubjectLog init_log;
+
+} // namespace
+
 bool __dm_is_duplicate(DM_CB_ST* dm_cb, const char* name) {
     if (dm_get_intf(dm_cb, name, DM_INTF_NAME_LEN) == nullptr)
         return false;
-    DM_LOG_ERROR("duplicate interface [%s]\r\n", name);
+    DM_LOG_ERROR(init_log, "duplicate interface [%s]\r\n", name);
     return true;
 }
 
 int __dm_begin_record(DM_INTF_ST* intf, const char* name, const DM_ADDR_ST* addr) {
     if (const int status = dm::zero(intf); status != 0) {
-        DM_LOG_ERROR("memset_s fail: %d\n", status);
+        DM_LOG_ERROR(init_log, "memset_s fail: %d\n", status);
         return status;
     }
     if (const int status = __dm_copy_intf_name(intf->name, name); status != 0) {
-        DM_LOG_ERROR("strncpy_s error\n");
+        DM_LOG_ERROR(init_log, "strncpy_s error\n");
         return status;
     }
     intf->addr = *addr;

@@ -19,6 +19,8 @@ uint8_t dm_ipc_recv_msg[DM_IPC_MAX_LEN];
 
 namespace {
 
+constinit dm::SubjectLog ipc_log;
+
 constexpr uint32_t kTimeoutMs = 10000;
 constexpr uint8_t kSrcType = 0;
 constexpr uint32_t kSrcIndex = 255;
@@ -90,7 +92,7 @@ int32_t dm_ipc_get_intf_name(int32_t num, char* buf, uint32_t size) {
     const int ret = sprintf_s(buf, size, "dm_ipc%d", num);
     if (ret >= 0)
         return 0;
-    DM_LOG_ERROR("sprintf_s return error: %d.\n", ret);
+    DM_LOG_ERROR(ipc_log, "sprintf_s return error: %d.\n", ret);
     return kNameFailed;
 }
 

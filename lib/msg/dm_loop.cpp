@@ -17,6 +17,8 @@
 
 namespace {
 
+constinit dm::SubjectLog loop_log;
+
 constexpr const char* kDefaultName = "selfloop";
 constexpr uint32_t kTimeoutMs = 100;
 constexpr uint32_t kHeaderLen = sizeof(SELF_MSG_ST) - DM_MAX_DATA_LEN;
@@ -43,7 +45,7 @@ int __selfloop_send(DM_INTF_ST* intf, uint32_t type, DM_ADDR_ST* addr, uint32_t 
     if (!DM_CHECK(frame != nullptr, "(req != ((void *)0))"))
         return -ENOMEM;
     if (dm::zero(frame.get()) != 0) {
-        DM_LOG_ERROR("__selfloop_send: memset_s fail.errno=%d\n", errno);
+        DM_LOG_ERROR(loop_log, "__selfloop_send: memset_s fail.errno=%d\n", errno);
         return -EINVAL;
     }
     frame->addr = *addr;
@@ -51,19 +53,20 @@ int __selfloop_send(DM_INTF_ST* intf, uint32_t type, DM_ADDR_ST* addr, uint32_t 
     frame->req_id = req_id;
     frame->type = type;
     if (data->data_len > DM_MAX_DATA_LEN) {
-        DM_LOG_ERROR("__selfloop_send: msg->data_len too long.msg->data_len=%d\n", data->data_len);
+        DM_LOG_ERROR(loop_log, "__selfloop_send: msg->data_len too long.msg->data_len=%d\n",
+                     data->data_len);
         return EINVAL;
     }
     frame->data_len = data->data_len;
     const int status = __dm_copy_payload(memcpy_s, frame->data, data);
     if (status != 0) {
-        DM_LOG_ERROR("memcpy_s error\n");
+        DM_LOG_ERROR(loop_log, "memcpy_s error\n");
         return status;
     }
     if (__pipe_of(intf).write(frame.get(), kHeaderLen + frame->data_len) != -1)
         return 0;
     const int code = errno;
-    DM_LOG_ERROR("__selfloop_send: write fail.errno=%d\n", code);
+    DM_LOG_ERROR(loop_log, "__selfloop_send: write fail.errno=%d\n", code);
     return code;
 }
 
@@ -73,16 +76,17 @@ int __selfloop_send(DM_INTF_ST* intf, uint32_t type, DM_ADDR_ST* addr, uint32_t 
 int __read_frame(int fd, SELF_MSG_ST* tmp, dm::FramePipe& pipe) {
     const int64_t ret = pipe.read(fd, tmp, kHeaderLen);
     if (!DM_CHECK(ret == kHeaderLen, "ret == (sizeof(SELF_MSG_ST) - 4096)")) {
-        DM_LOG_ERROR("errno=%d\n", errno);
+        DM_LOG_ERROR(loop_log, "errno=%d\n", errno);
         return -1;
     }
     if (tmp->data_len == 0 || tmp->data_len > DM_MAX_DATA_LEN) {
-        DM_LOG_ERROR("%s%d\r\n", "__selfloop_recv: msg->data_len too long=", tmp->data_len);
+        DM_LOG_ERROR(loop_log, "%s%d\r\n",
+                     "__selfloop_recv: msg->data_len too long=", tmp->data_len);
         return -1;
     }
     const int64_t data_ret = pipe.read(fd, tmp->data, tmp->data_len);
     if (!DM_CHECK(tmp->data_len == data_ret, "tmp->data_len == ret")) {
-        DM_LOG_ERROR("__selfloop_recv: read fail.errno= %d\n", errno);
+        DM_LOG_ERROR(loop_log, "__selfloop_recv: read fail.errno= %d\n", errno);
         return -1;
     }
     return 0;
@@ -103,7 +107,7 @@ int __fill_msg(DM_MSG_ST* msg, const SELF_MSG_ST* frame) {
     msg->data.data_len = frame->data_len;
     const int status = memcpy_s(msg->data.data, msg->data.data_len, frame->data, frame->data_len);
     if (status != 0)
-        DM_LOG_ERROR("memcpy_s error\n");
+        DM_LOG_ERROR(loop_log, "memcpy_s error\n");
     return status;
 }
 
@@ -114,7 +118,7 @@ int __selfloop_recv(DM_INTF_ST* intf, int32_t fd, int16_t events, DM_MSG_ST* msg
     if (!DM_CHECK(tmp != nullptr, "(tmp != ((void *)0))"))
         return -ENOMEM;
     if (dm::zero(tmp.get()) != 0) {
-        DM_LOG_ERROR("__selfloop_recv: memset_s fail.errno=%d\n", errno);
+        DM_LOG_ERROR(loop_log, "__selfloop_recv: memset_s fail.errno=%d\n", errno);
         return -EINVAL;
     }
     dm::FramePipe& pipe = __pipe_of(intf);
@@ -134,7 +138,7 @@ int __selfloop_close(DM_INTF_ST* intf) {
 
 void __close_unused(int fd) {
     const int ret_t = mmCloseFile(fd);
-    DM_ASSERT_CLOSED(ret_t, "ret_t == 0");
+    DM_ASSERT_CLOSED_IN(loop_log, __func__, ret_t, "ret_t == 0");
 }
 
 using PipeEnd = dm::Descriptor<__close_unused>;
@@ -151,11 +155,11 @@ int __make_record(dm::Owned<DM_INTF_ST>& intf, DM_CB_ST* dm_cb, const DM_ADDR_ST
         return ENOMEM;
     const int ret = dm::zero(made.get(), sizeof(LoopIntf));
     if (!DM_CHECK(ret == 0, "ret == 0")) {
-        DM_LOG_ERROR("memset_s fail:%d\n", ret);
+        DM_LOG_ERROR(loop_log, "memset_s fail:%d\n", ret);
         return ret;
     }
     if (const int status = __dm_copy_intf_name(made->name, name); status != 0) {
-        DM_LOG_ERROR("strncpy_s error\n");
+        DM_LOG_ERROR(loop_log, "strncpy_s error\n");
         return status;
     }
     made->addr.kind = DM_KIND_SELFLOOP;
@@ -193,12 +197,12 @@ int selfloop_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_ADDR_ST* addr, const ch
     char own_name[DM_INTF_NAME_LEN];
     if (const int status = __dm_copy_intf_name(own_name, name != nullptr ? name : kDefaultName);
         status != 0) {
-        DM_LOG_ERROR("strncpy_s error\n");
+        DM_LOG_ERROR(loop_log, "strncpy_s error\n");
         return status;
     }
     if (!DM_CHECK(dm_get_intf(dm_cb, own_name, DM_INTF_NAME_LEN) == nullptr,
                   "intf == ((void *)0)")) {
-        DM_LOG_ERROR("duplicate interface [%s]\r\n", own_name);
+        DM_LOG_ERROR(loop_log, "duplicate interface [%s]\r\n", own_name);
         return EBUSY;
     }
     dm::Owned<DM_INTF_ST> made;

@@ -23,6 +23,8 @@ uint32_t g_dev_mon_debug = 5;
 
 namespace {
 
+constinit dm::SubjectLog msg_log;
+
 constexpr const char* kSelfloopName = "selfloop";
 constexpr uint32_t kDestroyWaitMs = 100;
 
@@ -180,7 +182,7 @@ DM_INTF_ST* __find_intf(dm::ListWalk& walk, const char* name) {
     while (LIST_NODE_ST* node = walk.next()) {
         auto* intf = static_cast<DM_INTF_ST*>(list_to_item(node));
         if (intf == nullptr) {
-            DM_LOG_ERROR("dm_get_intf:tmp is null!\n");
+            DM_LOG_ERROR(msg_log, "dm_get_intf:tmp is null!\n");
             return nullptr;
         }
         if (__dm_intf_cmp(intf, name) == 0)
@@ -240,7 +242,7 @@ int __copy_request(PENDING_REQ_ST* req, DM_ADDR_ST* addr, uint32_t addr_len,
     const int status = __dm_copy_payload(memmove_s, req->buf, &req->data);
     req->data.data = req->buf;
     if (status != 0)
-        DM_LOG_ERROR("memmove_s error\n");
+        DM_LOG_ERROR(msg_log, "memmove_s error\n");
     return status;
 }
 
@@ -255,10 +257,10 @@ int __copy_user_data(void** copy, const void* user_data, size_t len, dm::CopyFun
     case dm::Duplicate::Step::allocate:
         return -ENOMEM;
     case dm::Duplicate::Step::zero:
-        DM_LOG_ERROR("memset_s fail: %d\n", made.status);
+        DM_LOG_ERROR(msg_log, "memset_s fail: %d\n", made.status);
         break;
     case dm::Duplicate::Step::copy:
-        DM_LOG_ERROR("%s", copy_failed);
+        DM_LOG_ERROR(msg_log, "%s", copy_failed);
         break;
     }
     return made.status;
@@ -294,7 +296,7 @@ int __dm_pending_req_add(DM_INTF_ST* intf, DM_ADDR_ST* addr, uint32_t addr_len,
     if (!block)
         return -ENOMEM;
     if (const int status = dm::zero(block.get()); status != 0) {
-        DM_LOG_ERROR("memset_s fail: %d\n", status);
+        DM_LOG_ERROR(msg_log, "memset_s fail: %d\n", status);
         return status;
     }
     block->refs = 1;
@@ -398,7 +400,7 @@ int __dm_timeout_handle(uint32_t period_ms, int32_t /*elapsed_ms*/, void* user_d
                         uint32_t /*user_data_len*/) {
     PENDING_REQ_ST* req = *static_cast<PENDING_REQ_ST**>(user_data);
     if (req == nullptr || req->intf == nullptr || req->context == nullptr) {
-        DM_LOG_ERROR("__dm_timeout_handle input user_data null!\n");
+        DM_LOG_ERROR(msg_log, "__dm_timeout_handle input user_data null!\n");
         return 0;
     }
     const Service service(req, Service::Cause::timeout);
@@ -465,7 +467,7 @@ void __dm_cmd_handle(DM_INTF_ST* intf, DM_MSG_ST* msg) {
         if (LIST_NODE_ST* node = walk.next(); node != nullptr) {
             reg = static_cast<const CMD_REG_ST*>(list_to_item(node));
             if (reg == nullptr) {
-                DM_LOG_ERROR("__dm_cmd_handle: cmd is null\n");
+                DM_LOG_ERROR(msg_log, "__dm_cmd_handle: cmd is null\n");
                 return;
             }
         }
@@ -570,30 +572,30 @@ void __drop_context(void* arg) {
 
 int __create_poller(Context* context) {
     if (const int ret = poller_create(&context->poller); ret != 0) {
-        DM_LOG_ERROR("call poller_create fail,ret:%d\r\n", ret);
+        DM_LOG_ERROR(msg_log, "call poller_create fail,ret:%d\r\n", ret);
         return ret;
     }
     context->holders = 2;
     __poller_on_end(context->poller, __drop_context, context);
     const int ret = poller_run(context->poller);
     if (ret != 0)
-        DM_LOG_ERROR("call poller_run fail,ret:%d\r\n", ret);
+        DM_LOG_ERROR(msg_log, "call poller_run fail,ret:%d\r\n", ret);
     return ret;
 }
 
 int __create_lists(Context* context) {
     if (const int ret = list_create(&context->intf_list, __dm_intf_cmp, __dm_intf_free); ret != 0) {
-        DM_LOG_ERROR("create intf list fail,ret:%d\r\n", ret);
+        DM_LOG_ERROR(msg_log, "create intf list fail,ret:%d\r\n", ret);
         return ret;
     }
     if (const int ret = list_create(&context->pending_list, __dm_pending_cmp, __dm_pending_free);
         ret != 0) {
-        DM_LOG_ERROR("create pending list fail,ret:%d\r\n", ret);
+        DM_LOG_ERROR(msg_log, "create pending list fail,ret:%d\r\n", ret);
         return ret;
     }
     const int ret = list_create(&context->cmd_reg_list, __dm_cmd_cmp, __dm_cmd_free);
     if (ret != 0)
-        DM_LOG_ERROR("create cmd_reg_list fail,ret:%d\r\n", ret);
+        DM_LOG_ERROR(msg_log, "create cmd_reg_list fail,ret:%d\r\n", ret);
     return ret;
 }
 
@@ -604,7 +606,7 @@ int __build_context(Context* context) {
         return ret;
     const int ret = selfloop_init(nullptr, context, nullptr, nullptr, 0);
     if (ret != 0)
-        DM_LOG_ERROR("selfloop init fail,ret:%d\r\n", ret);
+        DM_LOG_ERROR(msg_log, "selfloop init fail,ret:%d\r\n", ret);
     return ret;
 }
 
@@ -620,17 +622,17 @@ void dev_mon_set_log_flag(uint32_t value) {
 
 int dm_init(DM_CB_ST** dm_cb) {
     if (dm_cb == nullptr) {
-        DM_LOG_ERROR("dm_init input dm_cb null.");
+        DM_LOG_ERROR(msg_log, "dm_init input dm_cb null.");
         return -EINVAL;
     }
     *dm_cb = nullptr;
     auto block = dm::allocate<void>(sizeof(Context));
     if (!block) {
-        DM_LOG_ERROR("dm_init malloc cb error.");
+        DM_LOG_ERROR(msg_log, "dm_init malloc cb error.");
         return -ENOMEM;
     }
     if (const int ret = memset_s(block.get(), sizeof(Context), 0, sizeof(Context)); ret != 0) {
-        DM_LOG_ERROR("memset_s fail: %d\n", ret);
+        DM_LOG_ERROR(msg_log, "memset_s fail: %d\n", ret);
         return ret;
     }
     auto* context = new (block.release()) Context();
@@ -656,7 +658,7 @@ void dm_destroy(DM_CB_ST* dm_cb) {
 int __dm_intf_register(DM_CB_ST* dm_cb, DM_INTF_ST* intf, IntfHolder* holder) {
     *holder = IntfHolder::caller;
     if (dm_cb == nullptr || intf == nullptr) {
-        DM_LOG_ERROR("dm_intf_register input cb or intf null.\n");
+        DM_LOG_ERROR(msg_log, "dm_intf_register input cb or intf null.\n");
         return -EINVAL;
     }
     if (const int status = list_append(dm_cb->intf_list, intf); status != 0)
@@ -677,7 +679,7 @@ int dm_intf_register(DM_CB_ST* dm_cb, DM_INTF_ST* intf) {
 
 int dm_intf_deregister(DM_INTF_ST* intf) {
     if (intf == nullptr || intf->dm_cb == nullptr) {
-        DM_LOG_ERROR("dm_intf_deregister input intf null.\n");
+        DM_LOG_ERROR(msg_log, "dm_intf_deregister input intf null.\n");
         return -EINVAL;
     }
     DM_CB_ST* dm_cb = intf->dm_cb;
@@ -690,8 +692,8 @@ int dm_intf_deregister(DM_INTF_ST* intf) {
 
 DM_INTF_ST* dm_get_intf(DM_CB_ST* dm_cb, const char* name, int name_len) {
     if (dm_cb == nullptr || name == nullptr || name_len > DM_INTF_NAME_LEN) {
-        DM_LOG_ERROR("dm_get_intf input cb or name null ,name len %d larger than %d\n", name_len,
-                     DM_INTF_NAME_LEN);
+        DM_LOG_ERROR(msg_log, "dm_get_intf input cb or name null ,name len %d larger than %d\n",
+                     name_len, DM_INTF_NAME_LEN);
         return nullptr;
     }
     dm::ListWalk walk(dm_cb->intf_list);
@@ -701,16 +703,16 @@ DM_INTF_ST* dm_get_intf(DM_CB_ST* dm_cb, const char* name, int name_len) {
 int dm_cmd_register(DM_CB_ST* dm_cb, DM_MSG_HANDLER handler, DM_DATA_HANDLER default_hndl,
                     const void* user_data, int size) {
     if (dm_cb == nullptr || size <= 0) {
-        DM_LOG_ERROR("dm_cmd_register input dm_cb null!\n");
+        DM_LOG_ERROR(msg_log, "dm_cmd_register input dm_cb null!\n");
         return -EINVAL;
     }
     auto block = dm::allocate<CMD_REG_ST>();
     if (!block) {
-        DM_LOG_ERROR("dm_cmd_register alloc mem error!\n");
+        DM_LOG_ERROR(msg_log, "dm_cmd_register alloc mem error!\n");
         return -ENOMEM;
     }
     if (const int status = dm::zero(block.get()); status != 0) {
-        DM_LOG_ERROR("memset_s fail: %d\n", status);
+        DM_LOG_ERROR(msg_log, "memset_s fail: %d\n", status);
         return status;
     }
     OwnedCmdReg reg(block.release());

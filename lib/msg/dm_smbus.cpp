@@ -17,6 +17,8 @@
 
 namespace {
 
+constinit dm::SubjectLog smbus_log;
+
 constexpr const char* kDevice = "/dev/i2c-0";
 constexpr unsigned long kSlaveAddr = 0x64;
 constexpr uint8_t kWriteBlock = 0x20; // commands of the device
@@ -61,7 +63,7 @@ int __fill_block(i2c_smbus_data* block, const uint8_t* data, uint32_t data_len) 
     block->block[0] = static_cast<uint8_t>(data_len);
     const int ret = memcpy_s(block->block + 1, sizeof(block->block) - 1, data, data_len);
     if (!DM_CHECK(ret == 0, "(ret == 0)"))
-        DM_LOG_ERROR("memcpy_s error\n");
+        DM_LOG_ERROR(smbus_log, "memcpy_s error\n");
     return ret;
 }
 
@@ -69,7 +71,7 @@ void __count_failure() {
     const uint32_t count = ++g_send_failures;
     if (DM_CHECK(count <= kFailuresUnlogged, "(count <= 600)"))
         return;
-    DM_LOG_ERROR("__dm_smbus_send: ioctl fail\n");
+    DM_LOG_ERROR(smbus_log, "__dm_smbus_send: ioctl fail\n");
     g_send_failures = 0;
 }
 
@@ -100,7 +102,7 @@ int32_t smbus_msg_send(int32_t fd, const uint8_t* data, uint32_t data_len) {
         !DM_CHECK(data_len <= DM_SMBUS_BLOCK_MAX, "(data_len <= 32)"))
         return -EINVAL;
     if (ioctl(fd, I2C_SLAVE_FORCE, kSlaveAddr) < 0) {
-        DM_LOG_ERROR("__dm_smbus_send: ioctl set slave addr fail:%x\n",
+        DM_LOG_ERROR(smbus_log, "__dm_smbus_send: ioctl set slave addr fail:%x\n",
                      static_cast<unsigned>(kSlaveAddr));
         return -1;
     }
@@ -133,6 +135,6 @@ int32_t smbus_msg_recv(int32_t fd, uint8_t* data_recv, uint32_t* recv_len) {
         return 0;
     const int status = memcpy_s(data_recv, DM_SMBUS_BLOCK_MAX, bytes + 1, length);
     if (status != 0)
-        DM_LOG_ERROR("memcpy_s error\n");
+        DM_LOG_ERROR(smbus_log, "memcpy_s error\n");
     return status;
 }

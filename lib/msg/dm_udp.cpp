@@ -16,6 +16,8 @@
 
 namespace {
 
+constinit dm::SubjectLog udp_log;
+
 constexpr const char* kDefaultName = "dm_udp";
 constexpr int32_t kRetryCount = 2;
 constexpr uint32_t kTimeoutMs = 30000;
@@ -60,7 +62,7 @@ int __dm_udp_open(DM_INTF_ST* intf) {
     sockaddr_in own;
     if (const int ret = dm::zero(&own); ret != 0) {
         const int code = dm::errno_or(ret);
-        DM_LOG_ERROR("memset err,ret=%d\n", ret);
+        DM_LOG_ERROR(udp_log, "memset err,ret=%d\n", ret);
         return code;
     }
     own = __sockaddr_of(&intf->addr);
@@ -77,7 +79,7 @@ int __dm_udp_open(DM_INTF_ST* intf) {
 void __format_udp_msg(DM_UDP_MSG_ST* frame, uint32_t type, const DM_ADDR_ST* dest,
                       const DM_ADDR_ST* own, const DM_DATA_ST* data, uint64_t req_id) {
     if (dm::zero(frame) != 0)
-        DM_LOG_ERROR("memset_s error\n");
+        DM_LOG_ERROR(udp_log, "memset_s error\n");
     frame->src_port = __port_of(own);
     frame->dst_port = __port_of(dest);
     frame->reserved1 = 0;
@@ -86,7 +88,7 @@ void __format_udp_msg(DM_UDP_MSG_ST* frame, uint32_t type, const DM_ADDR_ST* des
     frame->peer_id = dest->peer_id;
     frame->req_id = req_id;
     if (__dm_copy_payload(memmove_s, frame->data, data) != 0) {
-        DM_LOG_ERROR("memmove_s error\n");
+        DM_LOG_ERROR(udp_log, "memmove_s error\n");
         return;
     }
     frame->data_len = data->data_len;
@@ -102,22 +104,22 @@ int __send_datagram(int fd, const DM_UDP_MSG_ST* frame, const DM_ADDR_ST* dest) 
     if (sent >= 0)
         return 0;
     const int code = errno;
-    DM_LOG_ERROR("__dm_udp_send: sendto fail.errno=%d\r\n", code);
+    DM_LOG_ERROR(udp_log, "__dm_udp_send: sendto fail.errno=%d\r\n", code);
     return code;
 }
 
 int __dm_udp_send(DM_INTF_ST* intf, uint32_t type, DM_ADDR_ST* addr, uint32_t /*addr_len*/,
                   DM_DATA_ST* data, uint64_t req_id) {
     if (data->data_len > DM_MAX_DATA_LEN) {
-        DM_LOG_ERROR("__dm_udp_send: msg->data_len(%d) exceed allow size(%d)\n", data->data_len,
-                     DM_MAX_DATA_LEN);
+        DM_LOG_ERROR(udp_log, "__dm_udp_send: msg->data_len(%d) exceed allow size(%d)\n",
+                     data->data_len, DM_MAX_DATA_LEN);
         return -EINVAL;
     }
     const auto frame = dm::allocate<DM_UDP_MSG_ST>();
     if (!DM_CHECK(frame != nullptr, "(req != ((void *)0))"))
         return -ENOMEM;
     if (dm::zero(frame.get()) != 0) {
-        DM_LOG_ERROR("__dm_udp_send: memset_s fail.errno=%d\n", errno);
+        DM_LOG_ERROR(udp_log, "__dm_udp_send: memset_s fail.errno=%d\n", errno);
         return -EINVAL;
     }
     __format_udp_msg(frame.get(), type, addr, &intf->addr, data, req_id);
@@ -141,7 +143,7 @@ int __dm_udp_recv_set_irecv(const DM_UDP_MSG_ST* frame, DM_MSG_ST* msg, const so
     if (status == 0)
         return 0;
     const int code = dm::errno_or(status);
-    DM_LOG_ERROR("memcpy_s error\n");
+    DM_LOG_ERROR(udp_log, "memcpy_s error\n");
     return code;
 }
 
@@ -161,7 +163,7 @@ int __dm_udp_recv(DM_INTF_ST* /*intf*/, int32_t fd, int16_t events, DM_MSG_ST* m
     if (!DM_CHECK(frame != nullptr, "(msg != ((void *)0))"))
         return -ENOMEM;
     if (dm::zero(frame.get()) != 0) {
-        DM_LOG_ERROR("__dm_udp_recv: memset_s fail.errno=%d\n", errno);
+        DM_LOG_ERROR(udp_log, "__dm_udp_recv: memset_s fail.errno=%d\n", errno);
         return -EINVAL;
     }
     if ((events & POLLIN) == 0)
@@ -170,14 +172,14 @@ int __dm_udp_recv(DM_INTF_ST* /*intf*/, int32_t fd, int16_t events, DM_MSG_ST* m
     const ssize_t received = __recv_datagram(fd, frame.get(), &sender);
     if (received < 0) {
         const int code = errno;
-        DM_LOG_ERROR("__dm_udp_recv: recvfrom fail.errno=%d\r\n", code);
+        DM_LOG_ERROR(udp_log, "__dm_udp_recv: recvfrom fail.errno=%d\r\n", code);
         return code;
     }
     if (received == 0 || frame->marker != kMarker || frame->reserved1 != 0)
         return -1;
     const int ret = __dm_udp_recv_set_irecv(frame.get(), msg, &sender);
     if (ret != 0)
-        DM_LOG_ERROR("init irecv fail ret = %d\n", ret);
+        DM_LOG_ERROR(udp_log, "init irecv fail ret = %d\n", ret);
     return ret;
 }
 
@@ -192,7 +194,7 @@ int __dm_udp_close(DM_INTF_ST* intf) {
 int dm_udp_init_intf(dm::Owned<DM_INTF_ST>& intf, DM_DATA_HANDLER timeout_hndl, DM_CB_ST* dm_cb,
                      const DM_ADDR_ST* addr, const char* name, uint32_t name_len) {
     if (name_len > DM_INTF_NAME_LEN) {
-        DM_LOG_ERROR("name len %d is too large than %d\n", static_cast<int>(name_len),
+        DM_LOG_ERROR(udp_log, "name len %d is too large than %d\n", static_cast<int>(name_len),
                      DM_INTF_NAME_LEN);
         return EINVAL;
     }
@@ -232,13 +234,13 @@ int dm_udp_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER timeout_hndl
                 const char* name, uint32_t name_len) {
     if (dm_cb == nullptr || addr == nullptr || !__is_udp_addr(addr) ||
         (name != nullptr && name_len >= DM_INTF_NAME_LEN)) {
-        DM_LOG_ERROR("udp init fail ret = %d\n", EINVAL);
+        DM_LOG_ERROR(udp_log, "udp init fail ret = %d\n", EINVAL);
         return EINVAL;
     }
     char own_name[DM_INTF_NAME_LEN];
     if (const int status = __dm_copy_intf_name(own_name, name != nullptr ? name : kDefaultName);
         status != 0) {
-        DM_LOG_ERROR("strncpy_s error\n");
+        DM_LOG_ERROR(udp_log, "strncpy_s error\n");
         return status;
     }
     if (__dm_is_duplicate(dm_cb, own_name))
@@ -247,7 +249,7 @@ int dm_udp_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER timeout_hndl
     const int status =
         dm_udp_init_intf(made, timeout_hndl, dm_cb, addr, own_name, DM_INTF_NAME_LEN);
     if (status != 0) {
-        DM_LOG_ERROR("init intf fail ret = %d\n", status);
+        DM_LOG_ERROR(udp_log, "init intf fail ret = %d\n", status);
         return status;
     }
     return __register_udp(dm_cb, std::move(made), intf);

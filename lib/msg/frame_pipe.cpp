@@ -14,9 +14,11 @@ static_assert(std::is_trivially_destructible_v<FramePipe>);
 
 namespace {
 
+constinit dm::SubjectLog pipe_log;
+
 void __close_logged(int fd) {
     const int ret = mmCloseFile(fd);
-    DM_ASSERT_CLOSED(ret, "ret == 0");
+    DM_ASSERT_CLOSED_IN(pipe_log, __func__, ret, "ret == 0");
 }
 
 } // namespace

@@ -20,6 +20,8 @@
 
 namespace {
 
+constinit dm::SubjectLog poller_log;
+
 constexpr int kIdleWaitMs = 50;
 constexpr uint32_t kSlotStep = 8;
 constexpr uint8_t kNoticeExit = 1;
@@ -131,7 +133,7 @@ int __poller_recv_notice(int fd, int events, void* user_data, uint32_t /*user_da
     POLLER_ST* poller = *static_cast<POLLER_ST**>(user_data);
     uint8_t notice = 0;
     if ((events & POLLIN) != 0 && mmReadFile(fd, &notice, sizeof(notice)) < 0)
-        DM_LOG_ERROR("read %u error\r\n", static_cast<unsigned>(notice));
+        DM_LOG_ERROR(poller_log, "read %u error\r\n", static_cast<unsigned>(notice));
     if (notice == kNoticeExit)
         dm::store<uint32_t>(poller->state, POLLER_EXIT);
     if (notice == kNoticeDestory)
@@ -148,7 +150,7 @@ void __drain_notices(POLLER_ST* poller) {
 
 void __close_notifier_end(int fd) {
     const int ret_t = mmCloseFile(fd);
-    DM_ASSERT_CLOSED(ret_t, "ret_t == 0");
+    DM_ASSERT_CLOSED_IN(poller_log, __func__, ret_t, "ret_t == 0");
 }
 
 using NotifierEnd = dm::Descriptor<__close_notifier_end>;
@@ -174,7 +176,7 @@ int __poller_self_notifier_init(POLLER_ST* poller) {
 
 void __close_notifier(int fd) {
     const int ret = mmCloseFile(fd);
-    DM_ASSERT_CLOSED(ret, "ret == 0");
+    DM_ASSERT_CLOSED_IN(poller_log, __func__, ret, "ret == 0");
 }
 
 struct PollerDeleter {
@@ -215,11 +217,11 @@ bool __grow_fds(dm::Owned<pollfd>* fds, uint32_t count, uint32_t* size) {
     const uint32_t grown = (count + kSlotStep) & ~(kSlotStep - 1);
     auto array = dm::allocate<pollfd>(grown * sizeof(pollfd));
     if (!array) {
-        DM_LOG_ERROR("malloc fail. errno=%d.", errno);
+        DM_LOG_ERROR(poller_log, "malloc fail. errno=%d.", errno);
         return false;
     }
     if (dm::zero(array.get(), grown * sizeof(pollfd)) != 0) {
-        DM_LOG_ERROR("memset_s fail. errno=%d.", errno);
+        DM_LOG_ERROR(poller_log, "memset_s fail. errno=%d.", errno);
         return false;
     }
     *fds = std::move(array);
@@ -382,7 +384,7 @@ void __poll_pass(Poller* poller, PollArray& array) {
     if (ret > 0)
         __poller_dispatch_fds(poller, ret);
     if (ret < 0 && errno != EINTR) {
-        DM_LOG_ERROR("do poll failed, ret = %d, errno:%d\n", ret, errno);
+        DM_LOG_ERROR(poller_log, "do poll failed, ret = %d, errno:%d\n", ret, errno);
         return;
     }
     __poller_run_timers(poller);
@@ -453,9 +455,9 @@ template<class Entry>
 int __copy_user_data(Entry* entry, const void* user_data, uint32_t len, const char* zero_failed) {
     dm::Duplicate copy = dm::duplicate(user_data, len, memmove_s);
     if (copy.failed == dm::Duplicate::Step::zero)
-        DM_LOG_ERROR("%s", zero_failed);
+        DM_LOG_ERROR(poller_log, "%s", zero_failed);
     if (copy.failed == dm::Duplicate::Step::copy)
-        DM_LOG_ERROR("memmove_s error\n");
+        DM_LOG_ERROR(poller_log, "memmove_s error\n");
     if (copy.status != 0)
         return copy.status;
     entry->user_data = copy.bytes.release();
@@ -507,7 +509,7 @@ int poller_create(POLLER_ST** poller) {
     if (!block)
         return ENOMEM;
     if (const int status = memset_s(block.get(), sizeof(Poller), 0, sizeof(Poller)); status != 0) {
-        DM_LOG_ERROR("memset_s fail!\n");
+        DM_LOG_ERROR(poller_log, "memset_s fail!\n");
         return status;
     }
     std::unique_ptr<Poller, PollerDeleter> made(new (block.release()) Poller());
@@ -612,11 +614,11 @@ int poller_init_entry(POLLER_FD_ENTRY_ST** entry, int fd, int16_t events,
                       POLLER_FD_CALLBACK callback) {
     auto made = dm::allocate<FdEntry>();
     if (!made) {
-        DM_LOG_ERROR("malloc fail\n");
+        DM_LOG_ERROR(poller_log, "malloc fail\n");
         return ENOMEM;
     }
     if (const int status = dm::zero(made.get()); status != 0) {
-        DM_LOG_ERROR("memset_s fail!\n");
+        DM_LOG_ERROR(poller_log, "memset_s fail!\n");
         return status;
     }
     made->fd = fd;
@@ -632,7 +634,7 @@ int poller_fd_add(POLLER_ST* poller, int fd, int16_t events, POLLER_FD_CALLBACK 
         return EINVAL;
     POLLER_FD_ENTRY_ST* made = nullptr;
     if (const int status = poller_init_entry(&made, fd, events, callback); status != 0) {
-        DM_LOG_ERROR("init entry fail ret = %d\n", status);
+        DM_LOG_ERROR(poller_log, "init entry fail ret = %d\n", status);
         return status;
     }
     std::unique_ptr<POLLER_FD_ENTRY_ST, EntryDeleter> entry(made);
@@ -677,7 +679,7 @@ int poller_timer_init_entry(POLLER_TIMER_ENTRY_ST** entry, uint32_t interval_ms,
     if (!made)
         return ENOMEM;
     if (const int status = dm::zero(made.get()); status != 0) {
-        DM_LOG_ERROR("entry memset fail!\n");
+        DM_LOG_ERROR(poller_log, "entry memset fail!\n");
         return status;
     }
     const MM_TIMESPEC_ST tick = mmGetTickCount();
@@ -697,7 +699,7 @@ int __poller_timer_add_owning(POLLER_ST* poller, uint32_t interval_ms,
         return EINVAL;
     POLLER_TIMER_ENTRY_ST* made = nullptr;
     if (const int status = poller_timer_init_entry(&made, interval_ms, callback); status != 0) {
-        DM_LOG_ERROR("init poller timer entry fail ret = %d\n", status);
+        DM_LOG_ERROR(poller_log, "init poller timer entry fail ret = %d\n", status);
         return status;
     }
     std::unique_ptr<POLLER_TIMER_ENTRY_ST, EntryDeleter> entry(made);
@@ -718,7 +720,7 @@ int __poller_timer_add_owning(POLLER_ST* poller, uint32_t interval_ms,
     POLLER_TIMER_ENTRY_ST* before = store_handle(made);
     const int status = list_insert_ascend(poller->timer_list, made, poller_timer_deadline_cmp);
     if (status != 0) {
-        DM_LOG_ERROR("failed to call list_insert_ascend\n");
+        DM_LOG_ERROR(poller_log, "failed to call list_insert_ascend\n");
         store_handle(before);
         tail.release = nullptr;
         return status;

@@ -22,6 +22,8 @@ uint32_t g_n_thread_count = 1;
 
 namespace {
 
+constinit dm::SubjectLog osal_log;
+
 constexpr uint64_t kMaxPriority = 255;
 constexpr uint32_t kPreemptive = 1;
 constexpr int32_t kPrioritySpan =
@@ -79,7 +81,7 @@ const char* __osal_take_start_name() {
 
 uint64_t set_thread_attr_by_prio(uint64_t /*priority*/, pthread_attr_t* attr) {
     if (attr == nullptr) {
-        DM_LOG_ERROR("%s::%d\n", __FILE__, __LINE__);
+        DM_LOG_ERROR(osal_log, "%s::%d\n", __FILE__, __LINE__);
         return 1;
     }
     __set_attr(attr, SCHED_OTHER, 0);
@@ -88,7 +90,7 @@ uint64_t set_thread_attr_by_prio(uint64_t /*priority*/, pthread_attr_t* attr) {
 
 uint64_t set_thread_attr_by_prio_preempt(uint64_t priority, pthread_attr_t* attr) {
     if (attr == nullptr) {
-        DM_LOG_ERROR("%s::%d\n", __FILE__, __LINE__);
+        DM_LOG_ERROR(osal_log, "%s::%d\n", __FILE__, __LINE__);
         return 1;
     }
     __set_attr(attr, SCHED_RR, __preemptive_priority(priority));
@@ -109,7 +111,7 @@ int64_t osal_create_task(const char* name, OSAL_TASK_ENTRY entry, uint64_t prior
     pthread_attr_t attr{};
     uint64_t ul_return_code = 0;
     if (const int ret = __make_attr(priority, flags, &attr, ul_return_code); ret != 0) {
-        DM_LOG_ERROR("para fail,ret = %d,ul_return_code = %d,ul_priority = %ld\n", ret,
+        DM_LOG_ERROR(osal_log, "para fail,ret = %d,ul_return_code = %d,ul_priority = %ld\n", ret,
                      static_cast<int>(ul_return_code), static_cast<long>(priority));
         return ret;
     }
@@ -118,11 +120,11 @@ int64_t osal_create_task(const char* name, OSAL_TASK_ENTRY entry, uint64_t prior
     auto record = dm::allocate<OSAL_TASK_PARA_ST>();
     dm::ThreadBirth birth(record.get());
     if (!record || !birth.is_prepared()) {
-        DM_LOG_ERROR("malloc fail\n");
+        DM_LOG_ERROR(osal_log, "malloc fail\n");
         return OSAL_TASK_NO_MEMORY;
     }
     if (dm::zero(record.get()) != 0) {
-        DM_LOG_ERROR("memset_s fail\n");
+        DM_LOG_ERROR(osal_log, "memset_s fail\n");
         return OSAL_TASK_NO_MEMORY;
     }
     *record = {entry, arg, name};
@@ -131,7 +133,7 @@ int64_t osal_create_task(const char* name, OSAL_TASK_ENTRY entry, uint64_t prior
         *out_tid_a = OSAL_NO_THREAD;
         *out_tid_b = OSAL_NO_THREAD;
         std::atomic_ref(g_creatthreadfailnum).fetch_add(1);
-        DM_LOG_ERROR("pthread_create fail, errno=%d:%s\n", errno, std::strerror(errno));
+        DM_LOG_ERROR(osal_log, "pthread_create fail, errno=%d:%s\n", errno, std::strerror(errno));
         return OSAL_TASK_REFUSED;
     }
     static_cast<void>(record.release()); // the thread frees it

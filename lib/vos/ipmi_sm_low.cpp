@@ -12,6 +12,8 @@
 
 namespace {
 
+constinit dm::SubjectLog lock_log;
+
 constexpr std::size_t kNameChars = sizeof(THREAD_TIMED_MUTEX_ST::name) - 1;
 
 // Holds a record's mutex for a scope, also when the thread is cancelled in it.
@@ -87,7 +89,8 @@ uint32_t __wait_until_handed_over(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms)
 [[gnu::noinline]] uint32_t __wait_for_unit(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms,
                                            pthread_t self) {
     if (timeout_ms == 0 && __is_owned_by(m, self)) {
-        DM_LOG_ERROR("\r\nERROR: thread %u DEAD LOCK by %s.", static_cast<unsigned>(self), m->name);
+        DM_LOG_ERROR(lock_log, "\r\nERROR: thread %u DEAD LOCK by %s.", static_cast<unsigned>(self),
+                     m->name);
         return THREAD_TIMED_FAILED;
     }
     --m->count; // reserves a unit, and gives it back when it does not come
@@ -225,11 +228,11 @@ uint32_t __unlock_rwlock(THREAD_TIMED_MUTEX_ST* m) {
 THREAD_TIMED_MUTEX_ST* thread_timed_malloc_id(void) {
     auto m = dm::allocate<THREAD_TIMED_MUTEX_ST>();
     if (!m) {
-        DM_LOG_ERROR("psm malloc fail!\n");
+        DM_LOG_ERROR(lock_log, "psm malloc fail!\n");
         return nullptr;
     }
     if (const int status = dm::zero(m.get()); status != 0) {
-        DM_LOG_ERROR("memset_s fail: %d\n", status);
+        DM_LOG_ERROR(lock_log, "memset_s fail: %d\n", status);
         return nullptr;
     }
     return m.release();
@@ -240,11 +243,11 @@ uint32_t thread_timed_mutex_init(const char* name, THREAD_TIMED_MUTEX_ST* m, int
     if (m == nullptr)
         return THREAD_TIMED_NULL;
     if (const int status = memset_s(m->name, sizeof(m->name), 0, sizeof(m->name)); status != 0) {
-        DM_LOG_ERROR("memset_s error\n");
+        DM_LOG_ERROR(lock_log, "memset_s error\n");
         return __code(status);
     }
     if (const int status = strncpy_s(m->name, sizeof(m->name), name, kNameChars); status != 0) {
-        DM_LOG_ERROR("strncpy_s error\n");
+        DM_LOG_ERROR(lock_log, "strncpy_s error\n");
         return __code(status);
     }
     m->locked = 0;
@@ -344,11 +347,11 @@ int32_t thread_timed_mutex_list_add(THREAD_TIMED_MUTEX_ST* m, uint64_t tid) {
     auto node = dm::allocate<THREAD_WAITER_NODE_ST>();
     if (!node) {
         if (!is_first)
-            DM_LOG_ERROR("malloc m->pwater_list_tail->next fail!\n");
+            DM_LOG_ERROR(lock_log, "malloc m->pwater_list_tail->next fail!\n");
         return 1;
     }
     if (const int status = dm::zero(node.get()); status != 0) {
-        DM_LOG_ERROR("memset_s fail: %d\n", status);
+        DM_LOG_ERROR(lock_log, "memset_s fail: %d\n", status);
         return status;
     }
     node->tid = tid;

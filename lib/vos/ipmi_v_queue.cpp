@@ -14,6 +14,8 @@
 
 namespace {
 
+constinit dm::SubjectLog queue_log;
+
 constexpr long kMessageType = 1;
 constexpr std::size_t kMessageSize = sizeof(void*);
 constexpr std::size_t kTagSize = 8;
@@ -81,18 +83,18 @@ void __acquire(const void* block) {
 bool __tag_owner(msqid_ds& ds, const char* name) {
     char tag[kTagSize];
     if (memset_s(tag, sizeof(tag), 0, sizeof(tag)) != 0) {
-        DM_LOG_ERROR("memset_s error\n");
+        DM_LOG_ERROR(queue_log, "memset_s error\n");
         return false;
     }
     for (std::size_t i = 0; i < sizeof(tag) - 1 && name[i] != '\0'; ++i)
         tag[i] = name[i];
     ipc_perm& owner = ds.msg_perm;
     if (memcpy_s(&owner.uid, sizeof(owner.uid), tag, sizeof(owner.uid)) != 0) {
-        DM_LOG_ERROR("memcpy_s error\n");
+        DM_LOG_ERROR(queue_log, "memcpy_s error\n");
         return false;
     }
     if (memcpy_s(&owner.gid, sizeof(owner.gid), tag + sizeof(owner.uid), sizeof(owner.gid)) != 0) {
-        DM_LOG_ERROR("memcpy_s error\n");
+        DM_LOG_ERROR(queue_log, "memcpy_s error\n");
         return false;
     }
     return true;
@@ -107,13 +109,13 @@ uint32_t __fill(Message& message, const void* data, std::size_t len) {
         message.block = copy.bytes.release();
         return 0;
     case Step::allocate:
-        DM_LOG_ERROR("\r\ncan't alloc memory!\n");
+        DM_LOG_ERROR(queue_log, "\r\ncan't alloc memory!\n");
         break;
     case Step::zero:
-        DM_LOG_ERROR("memset_s fail: %d\n", copy.status);
+        DM_LOG_ERROR(queue_log, "memset_s fail: %d\n", copy.status);
         break;
     case Step::copy:
-        DM_LOG_ERROR("memcpy_s error\n");
+        DM_LOG_ERROR(queue_log, "memcpy_s error\n");
         break;
     }
     return VOS_QUEUE_FAILED;
@@ -156,7 +158,7 @@ bool __is_message(ssize_t received) {
 
 uint32_t __deliver(const Message& message, void* buf, uint32_t len) {
     if (memcpy_s(buf, len, message.block, len) != 0) {
-        DM_LOG_ERROR("memcpy_s error\n");
+        DM_LOG_ERROR(queue_log, "memcpy_s error\n");
         return VOS_QUEUE_REFUSED;
     }
     return len;
@@ -191,12 +193,14 @@ uint32_t vos_private_queue_create(const char* name, uint64_t depth, int32_t* out
         return VOS_QUEUE_INVALID;
     NewQueue queue(msgget(IPC_PRIVATE, IPC_CREAT | 0600));
     if (queue.get() == -1) {
-        DM_LOG_ERROR("\r\ncreat queue error!! errno is 0x%x.", static_cast<unsigned>(errno));
+        DM_LOG_ERROR(queue_log, "\r\ncreat queue error!! errno is 0x%x.",
+                     static_cast<unsigned>(errno));
         return VOS_QUEUE_FAILED;
     }
     msqid_ds ds{};
     if (msgctl(queue.get(), IPC_STAT, &ds) == -1) {
-        DM_LOG_ERROR("\r\nget queue stat error!! errno is 0x%x.", static_cast<unsigned>(errno));
+        DM_LOG_ERROR(queue_log, "\r\nget queue stat error!! errno is 0x%x.",
+                     static_cast<unsigned>(errno));
         return VOS_QUEUE_FAILED;
     }
     ds.msg_qbytes = depth * kMessageSize;
@@ -204,7 +208,8 @@ uint32_t vos_private_queue_create(const char* name, uint64_t depth, int32_t* out
         return VOS_QUEUE_FAILED;
     const int qid = queue.keep();
     if (msgctl(qid, IPC_SET, &ds) == -1) {
-        DM_LOG_ERROR("\r\nset queue stat error!! errno is 0x%x.", static_cast<unsigned>(errno));
+        DM_LOG_ERROR(queue_log, "\r\nset queue stat error!! errno is 0x%x.",
+                     static_cast<unsigned>(errno));
         return VOS_QUEUE_FAILED;
     }
     *out_qid = qid;

@@ -12,6 +12,8 @@ uint64_t sm_threadid = 0;
 
 namespace {
 
+constinit dm::SubjectLog semaphore_log;
+
 constexpr uint64_t kLocked = 1;
 constexpr uint32_t kNullSemaphore = 1;
 constexpr uint32_t kNoMemory = 2;
@@ -24,14 +26,14 @@ constexpr uint64_t kNsPerSecond = 1000000000;
 
 void vos_spl_init(pthread_mutex_t* mutex) {
     if (mutex != nullptr && pthread_mutex_init(mutex, nullptr) != 0)
-        DM_LOG_ERROR("pthread_mutex_init failed.\n");
+        DM_LOG_ERROR(semaphore_log, "pthread_mutex_init failed.\n");
 }
 
 uint64_t vos_spl_imp(pthread_mutex_t* mutex) {
     if (mutex == nullptr)
         return 0;
     if (pthread_mutex_lock(mutex) != 0) {
-        DM_LOG_ERROR("pthread_mutex_lock failed. \n");
+        DM_LOG_ERROR(semaphore_log, "pthread_mutex_lock failed. \n");
         return 0;
     }
     return kLocked;
@@ -42,7 +44,7 @@ void vos_splx(uint64_t level, pthread_mutex_t* mutex) {
         return;
     dm::store<uint64_t>(sm_threadid, 0);
     if (pthread_mutex_unlock(mutex) != 0)
-        DM_LOG_ERROR("pthread_mutex_unlock failed .\n");
+        DM_LOG_ERROR(semaphore_log, "pthread_mutex_unlock failed .\n");
 }
 
 void get_abs_time(struct timespec* ts, uint64_t ms) {
@@ -79,7 +81,7 @@ uint32_t vos_sm_p(THREAD_TIMED_MUTEX_ST* sm, uint32_t timeout_ms) {
 
 uint32_t vos_sm_v(THREAD_TIMED_MUTEX_ST* sm) {
     if (sm == nullptr) {
-        DM_LOG_ERROR("\r\nSM_V failed, sm_id=NULL.");
+        DM_LOG_ERROR(semaphore_log, "\r\nSM_V failed, sm_id=NULL.");
         return kNullSemaphore;
     }
     return thread_timed_mutex_unlock(sm);

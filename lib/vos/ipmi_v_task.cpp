@@ -31,6 +31,8 @@ char m_ach_task_name[VOS_TASK_NAME_SIZE] = {};
 
 namespace {
 
+constinit dm::SubjectLog task_log;
+
 constexpr std::size_t kBlocks = VOS_TASK_MAX + 1;
 constexpr uint64_t kMaxPriority = 255;
 constexpr uint64_t kDefaultStackSize = 32768;
@@ -162,7 +164,7 @@ void __release_block(uint32_t task_no) {
     __store_all(block->reserved_last, kOnes);
     constexpr std::size_t tail_size = sizeof(block->reserved_tail);
     if (memset_s(block->reserved_tail, tail_size, 0, tail_size) != 0) {
-        DM_LOG_ERROR("memset_s error\n");
+        DM_LOG_ERROR(task_log, "memset_s error\n");
         return; // the block is not used again
     }
     dm::store<uint32_t>(block->used, 0);
@@ -428,7 +430,7 @@ uint32_t vos_init_task_info(const char* name, VOS_TASK_CB_ST** out_block, const 
         *out_task_no = VOS_TASK_NONE;
         life.unlock();
         spl.unlock();
-        DM_LOG_ERROR("strncpy_s error\n");
+        DM_LOG_ERROR(task_log, "strncpy_s error\n");
         return kDescNotCopied;
     }
     for (std::size_t i = 0; i < std::size(block->args); ++i)
@@ -478,7 +480,7 @@ uint32_t vos_create_task_ex(const char* name, const char* desc, uint32_t* out_ta
     const uint32_t ret = vos_init_task_info(name, &block, desc, task_no, out_task_no, entry,
                                             priority, args, level, stack_size, flags);
     if (ret != 0) {
-        DM_LOG_ERROR("init task struct fail ret = %d\n", static_cast<int>(ret));
+        DM_LOG_ERROR(task_log, "init task struct fail ret = %d\n", static_cast<int>(ret));
         return ret;
     }
     spl.adopt(level);
@@ -498,7 +500,8 @@ uint64_t vos_task_entry(uint64_t arg) {
         osal_task_delay(kDispatchPollMs);
     const Work work = self.work();
     if (work.entry == nullptr) {
-        DM_LOG_ERROR("%s,%d:pfn_local_task_entry is null ptr funtion!\r\n", __FILE__, __LINE__);
+        DM_LOG_ERROR(task_log, "%s,%d:pfn_local_task_entry is null ptr funtion!\r\n", __FILE__,
+                     __LINE__);
         return 0;
     }
     if ((work.flags & kPreemptive) == 0)
