@@ -109,7 +109,8 @@ DM_API int list_create(LIST_ST** list, LIST_COMPARE compare, LIST_FREE free_item
 
 /**
  * Gives every item to the free callback, iterators or not, and releases the list. Locks while it
- * does. No other thread may use the list any more.
+ * does. The callback may use the list, in which the item that it was given and those before it are
+ * not listed any more. No other thread may use the list.
  * @param list null is ignored.
  */
 DM_API void list_destroy(LIST_ST* list);

@@ -70,10 +70,14 @@ struct UncountNode {
     }
 };
 
-void __unlink(LIST_NODE_ST* node) {
-    const std::unique_ptr<LIST_NODE_ST, UncountNode> unlinked(node);
+void __take_out(LIST_NODE_ST* node) {
     dm::store(__next(node)->prev, __prev(node));
     dm::store(__prev(node)->next, __next(node));
+}
+
+void __unlink(LIST_NODE_ST* node) {
+    const std::unique_ptr<LIST_NODE_ST, UncountNode> unlinked(node);
+    __take_out(node);
     if (const LIST_FREE free_item = node->owner->free_item; free_item != nullptr)
         free_item(node->item);
 }
@@ -174,6 +178,17 @@ void __splice(LIST_ST* source, LIST_NODE_ST* before, LIST_NODE_ST* behind) {
     dm::store(behind->prev, last);
 }
 
+// A node that was moved here by a concatenation names a list that is gone as its owner, and was
+// never counted.
+void __destroy_first(LIST_ST* list) {
+    const dm::Owned<LIST_NODE_ST> first(__next(&list->sentinel));
+    __take_out(first.get());
+    if (first->owner == list)
+        std::atomic_ref(list->count).fetch_sub(1);
+    if (list->free_item != nullptr)
+        list->free_item(first->item);
+}
+
 void __dispose_handle(LIST_ST* list) {
     mmMutexDestroy(&list->mutex);
     std::free(list);
@@ -222,19 +237,15 @@ int list_create(LIST_ST** list, LIST_COMPARE compare, LIST_FREE free_item) {
     return 0;
 }
 
+// Each node is out of the list before its item is released, so that a free callback may use what is
+// left of the list.
 void list_destroy(LIST_ST* list) {
     if (list == nullptr)
         return;
     {
         const ListLock lock(list);
-        LIST_NODE_ST* node = __next(&list->sentinel);
-        while (node != &list->sentinel) {
-            LIST_NODE_ST* behind = __next(node);
-            if (list->free_item != nullptr)
-                list->free_item(node->item);
-            std::free(node);
-            node = behind;
-        }
+        while (list_is_empty(list) == 0)
+            __destroy_first(list);
     }
     __dispose_handle(list);
 }
