@@ -59,13 +59,14 @@ void log_failed_check(const char* path, int line, const char* operation, const c
           line __VA_OPT__(, ) __VA_ARGS__)
 
 // This place, as a dm::LogSite.
-#define DM_LOG_SITE(log)                                             \
+#define DM_LOG_SITE_IN(log, operation)                               \
     (dm::LogSite{log,                                                \
                  []() -> std::atomic<uint32_t>& {                    \
                      static constinit std::atomic<uint32_t> lost{0}; \
                      return lost;                                    \
                  }(),                                                \
-                 __FILE__, __LINE__, __func__})
+                 __FILE__, __LINE__, operation})
+#define DM_LOG_SITE(log) DM_LOG_SITE_IN(log, __func__)
 
 #define DM_LOG_ERROR_IN(log, operation, format, ...)                   \
     do {                                                               \
@@ -91,12 +92,16 @@ void log_failed_check(const char* path, int line, const char* operation, const c
 
 #define DM_LOG_WARNING(format, ...) \
     DM_LOG_GATED(PLATFORM_LOG_WARNING, DlogWarnInner, __func__, format __VA_OPT__(, ) __VA_ARGS__)
+#define DM_LOG_WARNING_IN(operation, format, ...) \
+    DM_LOG_GATED(PLATFORM_LOG_WARNING, DlogWarnInner, operation, format __VA_OPT__(, ) __VA_ARGS__)
 #define DM_LOG_INFO(format, ...) \
     DM_LOG_GATED(PLATFORM_LOG_INFO, DlogInfoInner, __func__, format __VA_OPT__(, ) __VA_ARGS__)
 #define DM_LOG_INFO_IN(operation, format, ...) \
     DM_LOG_GATED(PLATFORM_LOG_INFO, DlogInfoInner, operation, format __VA_OPT__(, ) __VA_ARGS__)
 #define DM_LOG_DEBUG(format, ...) \
     DM_LOG_GATED(PLATFORM_LOG_DEBUG, DlogDebugInner, __func__, format __VA_OPT__(, ) __VA_ARGS__)
+#define DM_LOG_DEBUG_IN(operation, format, ...) \
+    DM_LOG_GATED(PLATFORM_LOG_DEBUG, DlogDebugInner, operation, format __VA_OPT__(, ) __VA_ARGS__)
 
 // True when the condition holds; else writes the warning, with the condition as `text` has it.
 #define DM_CHECK_IN(operation, condition, text) \

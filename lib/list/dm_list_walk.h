@@ -2,7 +2,10 @@
 #ifndef DM_LIST_WALK_H
 #define DM_LIST_WALK_H
 
+#include "base/atomic_field.h"
 #include "dm_list.h"
+
+#include <utility>
 
 namespace dm {
 
@@ -21,9 +24,16 @@ public:
     LIST_NODE_ST* next() { return list_iter_next(&iter_); }
     LIST_NODE_ST* node() const { return iter_.node; }
 
+    // Gives up the node without leaving it: that is due with list_iter_destroy().
+    LIST_ITER_ST release() { return std::exchange(iter_, {}); }
+
 private:
     LIST_ITER_ST iter_{};
 };
+
+inline bool is_removed(const LIST_NODE_ST* node) {
+    return load(node->removed) != 0;
+}
 
 } // namespace dm
 

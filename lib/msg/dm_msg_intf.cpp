@@ -566,6 +566,8 @@ void __drop_context(void* arg) {
     list_destroy(context->pending_list);
     list_destroy(context->intf_list);
     list_destroy(context->cmd_reg_list);
+    if (context->poller != nullptr)
+        __poller_drop(context->poller);
     context->~Context();
     std::free(context);
 }
@@ -576,7 +578,7 @@ int __create_poller(Context* context) {
         return ret;
     }
     context->holders = 2;
-    __poller_on_end(context->poller, __drop_context, context);
+    __poller_hold(context->poller, __drop_context, context);
     const int ret = poller_run(context->poller);
     if (ret != 0)
         DM_LOG_ERROR(msg_log, "call poller_run fail,ret:%d\r\n", ret);

@@ -15,13 +15,21 @@ int __poller_timer_add_owning(POLLER_ST* poller, uint32_t interval_ms,
                               int32_t user_data_len, POLLER_RELEASE release,
                               POLLER_TIMER_ENTRY_ST** timer);
 
-// As poller_fd_remove(), and waits for a callback of the removed entries that runs at the moment,
-// unless called on the poll thread: none runs any more when the call has returned.
+// As poller_fd_remove(), and waits, unless called on the poll thread, until that is past a callback
+// of the removed entries and past the wait that it is in: when the call has returned, no such
+// callback runs, and the system keeps no file open for the sake of the descriptor's being watched.
 int __poller_fd_remove_and_wait(POLLER_ST* poller, int fd, int events);
 
-// Sets what runs once no callback will run any more because the poller was destroyed: on the thread
-// that releases the poller, or in poller_destory() when its thread had not begun yet.
-void __poller_on_end(POLLER_ST* poller, void (*hook)(void* arg), void* arg);
+// Ends the wait that the poll thread is in. At most one such notice is ever in the pipe. False when
+// it could not be given.
+bool __poller_wake(POLLER_ST* poller);
+
+// Takes a share in the handle and sets what runs once no callback will run any more because the
+// poller was destroyed: on the thread that releases the poller, or in poller_destory() when its
+// thread had not begun yet. From then on calls for the poller do nothing or are refused with
+// EINVAL; the handle's memory stays until the share is given up.
+void __poller_hold(POLLER_ST* poller, void (*on_end)(void* arg), void* arg);
+void __poller_drop(POLLER_ST* poller);
 
 // True on the poller's own thread.
 bool __poller_is_current(POLLER_ST* poller);

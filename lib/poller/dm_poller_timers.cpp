@@ -1,0 +1,160 @@
+// Timers: arming and disarming them, and firing those that are due.
+#include "dm_poller.h"
+
+#include "list/dm_list_walk.h"
+#include "platform_adapter.h"
+#include "poller/poll_pass.h"
+#include "poller/poller_record.h"
+
+#include <cerrno>
+#include <memory>
+
+namespace {
+
+using dm::Poller;
+using dm::TimerEntry;
+
+POLLER_TIMER_ENTRY_ST* __exchange(POLLER_TIMER_ENTRY_ST** timer, POLLER_TIMER_ENTRY_ST* handle) {
+    return timer != nullptr ? std::atomic_ref(*timer).exchange(handle) : nullptr;
+}
+
+// Takes a timer out at the end of a scope, also when its callback ends the thread: it fires once.
+class TakenOut {
+public:
+    TakenOut(LIST_ST* list, LIST_NODE_ST* node) : list_(list), node_(node) {}
+    TakenOut(const TakenOut&) = delete;
+    TakenOut& operator=(const TakenOut&) = delete;
+    ~TakenOut() noexcept(false) { list_remove(list_, node_); }
+
+private:
+    LIST_ST* list_;
+    LIST_NODE_ST* node_;
+};
+
+void __fire(const TimerEntry* entry, int32_t left_ms) {
+    if (entry->callback != nullptr)
+        entry->callback(entry->interval_ms,
+                        static_cast<int32_t>(entry->interval_ms - static_cast<uint32_t>(left_ms)),
+                        entry->user_data, entry->user_data_len);
+}
+
+int __add(POLLER_ST* poller, uint32_t interval_ms, POLLER_TIMER_CALLBACK callback,
+          const void* user_data, int32_t user_data_len, POLLER_RELEASE release,
+          POLLER_TIMER_ENTRY_ST** timer) {
+    constexpr const char* operation = "poller_timer_add";
+    if (poller == nullptr || user_data_len <= 0)
+        return EINVAL;
+    POLLER_TIMER_ENTRY_ST* made = nullptr;
+    if (const int status = poller_timer_init_entry(&made, interval_ms, callback); status != 0) {
+        DM_LOG_ERROR_IN(poller_log, operation, "init poller timer entry fail ret = %d\n", status);
+        return status;
+    }
+    std::unique_ptr<POLLER_TIMER_ENTRY_ST, dm::EntryDeleter> entry(made);
+    if (user_data != nullptr) {
+        const int status =
+            dm::copy_user_data(made, user_data, static_cast<uint32_t>(user_data_len),
+                               DM_LOG_SITE_IN(poller_log, operation), "entry->user_data fail!\n",
+                               DM_LOG_SITE_IN(poller_log, operation));
+        if (status != 0)
+            return status;
+    }
+    Poller* self = dm::private_of(poller);
+    dm::EntryTail& tail = static_cast<TimerEntry*>(made)->tail;
+    tail = {&self->marked_timers, release, self->timers_added.fetch_add(1)};
+    // The handle is stored before the timer can fire, so that no late store brings back a handle
+    // that is dead by then.
+    POLLER_TIMER_ENTRY_ST* before = __exchange(timer, made);
+    const int status = list_insert_ascend(poller->timer_list, made, poller_timer_deadline_cmp);
+    if (status == 0) {
+        static_cast<void>(entry.release()); // it is the list's now
+        return 0;
+    }
+    __exchange(timer, before);
+    tail.release = nullptr;
+    DM_LOG_ERROR_IN(poller_log, operation, "failed to call list_insert_ascend\n");
+    return status;
+}
+
+} // namespace
+
+int poller_timer_init_entry(POLLER_TIMER_ENTRY_ST** entry, uint32_t interval_ms,
+                            POLLER_TIMER_CALLBACK callback) {
+    auto made = dm::allocate<TimerEntry>();
+    if (!made)
+        return ENOMEM;
+    if (const int status = dm::zero(made.get()); status != 0) {
+        DM_LOG_ERROR(poller_log, "entry memset fail!\n");
+        return status;
+    }
+    const MM_TIMESPEC_ST tick = mmGetTickCount();
+    const POLLER_TIME_ST now{tick.tv_sec, tick.tv_nsec};
+    poller_time_add_ms(&made->deadline, &now, static_cast<int32_t>(interval_ms));
+    made->interval_ms = interval_ms;
+    made->callback = callback;
+    *entry = made.release();
+    return 0;
+}
+
+int __poller_timer_add_owning(POLLER_ST* poller, uint32_t interval_ms,
+                              POLLER_TIMER_CALLBACK callback, const void* user_data,
+                              int32_t user_data_len, POLLER_RELEASE release,
+                              POLLER_TIMER_ENTRY_ST** timer) {
+    return __add(poller, interval_ms, callback, user_data, user_data_len, release, timer);
+}
+
+int poller_timer_add(POLLER_ST* poller, uint32_t interval_ms, POLLER_TIMER_CALLBACK callback,
+                     const void* user_data, int32_t user_data_len, POLLER_TIMER_ENTRY_ST** timer) {
+    return __add(poller, interval_ms, callback, user_data, user_data_len, nullptr, timer);
+}
+
+int poller_timer_remove(POLLER_ST* poller, POLLER_TIMER_ENTRY_ST* const* timer) {
+    if (poller == nullptr || timer == nullptr)
+        return EINVAL;
+    const POLLER_TIMER_ENTRY_ST* handle = dm::load(*timer);
+    if (handle == nullptr)
+        return 0;
+    dm::ListWalk walk(poller->timer_list);
+    while (LIST_NODE_ST* node = walk.next()) {
+        auto* entry = dm::entry_of<POLLER_TIMER_ENTRY_ST>(node);
+        if (poller_timer_entry_cmp(entry, handle) != 0)
+            continue;
+        if (dm::is_running(poller))
+            dm::mark(entry, dm::private_of(poller)->marked_timers);
+        else
+            list_remove(poller->timer_list, node);
+        break; // an address is listed once
+    }
+    return 0;
+}
+
+void __poller_run_timers(Poller* poller) {
+    if (list_is_empty(poller->timer_list) != 0)
+        return;
+    // A timer that is added from here on waits for the next pass, however short it is, so that
+    // callbacks that add timers cannot hold the loop.
+    const uint64_t added_before = poller->timers_added.load();
+    dm::ListWalk walk(poller->timer_list);
+    while (LIST_NODE_ST* node = walk.next()) {
+        const auto* entry = dm::entry_of<TimerEntry>(node);
+        if (dm::is_marked(entry)) {
+            list_remove(poller->timer_list, node);
+            continue;
+        }
+        const int32_t left_ms = poller_ms_until(entry);
+        if (left_ms > 0)
+            break;
+        if (entry->tail.number >= added_before)
+            continue;
+        const TakenOut fired(poller->timer_list, node);
+        __fire(entry, left_ms);
+    }
+}
+
+int poller_timer_entry_cmp(const void* entry, const void* key) {
+    return -list_default_compare(key, entry);
+}
+
+int poller_timer_deadline_cmp(const void* entry, const void* key) {
+    return poller_time_cmp(&static_cast<const POLLER_TIMER_ENTRY_ST*>(entry)->deadline,
+                           &static_cast<const POLLER_TIMER_ENTRY_ST*>(key)->deadline);
+}
