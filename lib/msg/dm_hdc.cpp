@@ -386,7 +386,7 @@ int __dm_hdc_close(DM_INTF_ST* intf) {
     else
         drvHdcClientDestroy(channel->handle);
     intf->reserved = 0;
-    dm::close_pipe(intf->fd, intf->wfd);
+    dm::close_pipe(DM_LOG_SITE(hdc_log), intf->fd, intf->wfd);
     return 0;
 }
 
@@ -414,12 +414,13 @@ int32_t dm_hdc_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER timeout_
         DM_LOG_ERROR(hdc_log, "drvHdcGetCapacity fail: %d\n", ret);
         return ret;
     }
-    if (__dm_is_duplicate(dm_cb, name))
+    if (__dm_is_duplicate(DM_LOG_SITE(hdc_log), dm_cb, name))
         return -EBUSY;
     auto made = dm::allocate<DM_INTF_ST>();
     if (!made)
         return -ENOMEM;
-    if (const int status = __dm_begin_record(made.get(), name, addr); status != 0)
+    if (const int status = __dm_begin_record(DM_LOG_SITE(hdc_log), made.get(), name, addr);
+        status != 0)
         return status;
     if (const int ret = __dm_hdc_open(made.get()); ret != 0)
         return ret;
@@ -429,8 +430,11 @@ int32_t dm_hdc_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER timeout_
     made->max_data_len = capacity.max_len;
     made->timeout_hndl = timeout_hndl;
     made->dm_cb = dm_cb;
-    const int ret = __dm_register_or_close(dm_cb, std::move(made), intf);
-    if (ret != 0)
+    DM_INTF_ST opened = *made;
+    const int ret = __dm_intf_register(dm_cb, std::move(made), intf);
+    if (ret != 0) {
         DM_LOG_ERROR(hdc_log, "dm_hdc_init->dm_intf_register fail.\n");
+        __dm_hdc_close(&opened);
+    }
     return ret;
 }

@@ -1,6 +1,5 @@
 #include "msg/frame_pipe.h"
 
-#include "base/log.h"
 #include "platform_adapter.h"
 
 #include <algorithm>
@@ -11,17 +10,6 @@
 namespace dm {
 
 static_assert(std::is_trivially_destructible_v<FramePipe>);
-
-namespace {
-
-constinit dm::SubjectLog pipe_log;
-
-void __close_logged(int fd) {
-    const int ret = mmCloseFile(fd);
-    DM_ASSERT_CLOSED_IN(pipe_log, __func__, ret, "ret == 0");
-}
-
-} // namespace
 
 int64_t FramePipe::write(const void* frame, uint32_t size) {
     const std::lock_guard lock(lock_);
@@ -77,9 +65,11 @@ void FramePipe::__keep(const uint8_t* frame, uint32_t begin, uint32_t end) {
     has_rest_ = true;
 }
 
-void close_pipe(int read_end, int write_end) {
-    __close_logged(read_end);
-    __close_logged(write_end);
+void close_pipe(const LogSite& site, int read_end, int write_end) {
+    for (const int fd : {read_end, write_end}) {
+        if (mmCloseFile(fd) != 0)
+            DM_LOG_ASSERT_AT(site, "ret == 0");
+    }
 }
 
 } // namespace dm

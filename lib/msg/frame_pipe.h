@@ -2,6 +2,7 @@
 #ifndef DM_FRAME_PIPE_H
 #define DM_FRAME_PIPE_H
 
+#include "base/log.h"
 #include "dm_msg_intf.h"
 
 #include <atomic>
@@ -47,8 +48,8 @@ private:
     uint8_t rest_[kMaxHeaderLen + DM_MAX_DATA_LEN];
 };
 
-// Closes both ends, the reading one first. A close that fails is logged.
-void close_pipe(int read_end, int write_end);
+// Closes both ends, the reading one first. A close that fails is logged as the caller's.
+void close_pipe(const LogSite& site, int read_end, int write_end);
 
 } // namespace dm
 
