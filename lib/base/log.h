@@ -59,13 +59,14 @@ void log_failed_check(const char* path, int line, const char* operation, const c
           line __VA_OPT__(, ) __VA_ARGS__)
 
 // This place, as a dm::LogSite.
-#define DM_LOG_SITE(log)                                             \
+#define DM_LOG_SITE(log) DM_LOG_SITE_IN(log, __func__)
+#define DM_LOG_SITE_IN(log, operation)                               \
     (dm::LogSite{log,                                                \
                  []() -> std::atomic<uint32_t>& {                    \
                      static constinit std::atomic<uint32_t> lost{0}; \
                      return lost;                                    \
                  }(),                                                \
-                 __FILE__, __LINE__, __func__})
+                 __FILE__, __LINE__, operation})
 
 #define DM_LOG_ERROR_IN(log, operation, format, ...)                   \
     do {                                                               \
