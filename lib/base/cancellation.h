@@ -1,4 +1,7 @@
-// Holds a thread's cancellation off for a scope.
+// Holds off the cancellation of the calling thread for a scope.
+//
+// For what must not be left half done: a request for cancellation that comes meanwhile takes effect
+// at the first cancellation point behind the scope.
 #ifndef DM_BASE_CANCELLATION_H
 #define DM_BASE_CANCELLATION_H
 
@@ -6,14 +9,12 @@
 
 namespace dm {
 
-// For what must not be left half done: a request for cancellation that comes meanwhile takes effect
-// at the first cancellation point after the scope.
-class CancellationHeldOff {
+class CancellationOff {
 public:
-    CancellationHeldOff() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    CancellationHeldOff(const CancellationHeldOff&) = delete;
-    CancellationHeldOff& operator=(const CancellationHeldOff&) = delete;
-    ~CancellationHeldOff() { pthread_setcancelstate(before_, nullptr); }
+    CancellationOff() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+    CancellationOff(const CancellationOff&) = delete;
+    CancellationOff& operator=(const CancellationOff&) = delete;
+    ~CancellationOff() { pthread_setcancelstate(before_, nullptr); }
 
 private:
     int before_ = PTHREAD_CANCEL_ENABLE;

@@ -59,6 +59,7 @@ void log_failed_check(const char* path, int line, const char* operation, const c
           line __VA_OPT__(, ) __VA_ARGS__)
 
 // This place, as a dm::LogSite.
+#define DM_LOG_SITE(log) DM_LOG_SITE_IN(log, __func__)
 #define DM_LOG_SITE_IN(log, operation)                               \
     (dm::LogSite{log,                                                \
                  []() -> std::atomic<uint32_t>& {                    \
@@ -66,7 +67,6 @@ void log_failed_check(const char* path, int line, const char* operation, const c
                      return lost;                                    \
                  }(),                                                \
                  __FILE__, __LINE__, operation})
-#define DM_LOG_SITE(log) DM_LOG_SITE_IN(log, __func__)
 
 #define DM_LOG_ERROR_IN(log, operation, format, ...)                   \
     do {                                                               \
@@ -112,6 +112,8 @@ void log_failed_check(const char* path, int line, const char* operation, const c
 #define DM_LOG_ASSERT_IN(log, operation, text) \
     DM_LOG_ERROR_IN(log, operation, "[%s %d] Assert:%s\n", operation, __LINE__, text)
 #define DM_LOG_ASSERT(log, text) DM_LOG_ASSERT_IN(log, __func__, text)
+#define DM_LOG_ASSERT_AT(site, text) \
+    DM_LOG_ERROR_AT(site, "[%s %d] Assert:%s\n", (site).operation, (site).line, text)
 
 // The same for a close that failed.
 #define DM_ASSERT_CLOSED_IN(log, operation, status, text) \

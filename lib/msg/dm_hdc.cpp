@@ -1,14 +1,12 @@
 #include "dm_hdc.h"
 
 #include "base/atomic_field.h"
-#include "base/log.h"
 #include "base/memory.h"
-#include "base/pipe.h"
-#include "ipmi_v_task.h"
-#include "msg/dm_hdc_session.h"
 #include "msg/dm_intf_init.h"
 #include "msg/dm_msg_private.h"
-#include "platform_adapter.h"
+#include "msg/hdc_channel.h"
+#include "msg/hdc_session.h"
+#include "platform_hal.h"
 
 #include <poll.h>
 #include <unistd.h>
@@ -20,17 +18,9 @@
 
 namespace {
 
-constinit dm::SubjectLog hdc_log;
-
-constexpr const char* kReleasedName = "dm_hdc";
 constexpr uint32_t kTimeoutMs = 20000;
 constexpr int kOptMaxLen = 32;
 constexpr int kNameFailed = 5;
-
-constexpr int kCreateRetries = 41;
-constexpr uint64_t kCreatePauseMs = 3000;
-constexpr uint32_t kStackSize = 131072;
-constexpr int kMaxSessions = 64;
 
 constexpr int kConnectRetries = 40;
 constexpr unsigned kConnectPauseS = 1;
@@ -42,22 +32,12 @@ constexpr uint32_t kSessionClosed = 0;
 constexpr uint32_t kBodyLenOffset = 8;
 constexpr uint32_t kBodyOffset = 12;
 
-DM_HDC_ADDR_ST __hdc_addr_of(const DM_ADDR_ST* addr) {
-    DM_HDC_ADDR_ST hdc;
-    std::memcpy(&hdc, addr, sizeof(hdc));
-    return hdc;
-}
-
 void __set_addr(DM_ADDR_ST* addr, const DM_HDC_ADDR_ST& hdc) {
     std::memcpy(addr, &hdc, sizeof(hdc));
 }
 
 bool __is_hdc_addr(const DM_ADDR_ST* addr) {
     return addr->kind == DM_KIND_HDC && addr->family == DM_FAMILY_HDC;
-}
-
-HdcChannel* __channel_of(const DM_INTF_ST* intf) {
-    return reinterpret_cast<HdcChannel*>(intf->reserved); // NOLINT(performance-no-int-to-ptr)
 }
 
 // ---- send ----
@@ -82,16 +62,16 @@ void __format_hdc_msg(HDC_MSG_ST* frame, uint32_t type, const DM_HDC_ADDR_ST& de
     frame->data_len = data->data_len;
 }
 
-// Makes a HAL message of the frame, which must outlive it. `function` is the caller's name.
-int __make_hal_msg(HalMsg& msg, HDC_SESSION session, HDC_MSG_ST* frame, const char* function) {
+// Makes a HAL message of the frame, which must outlive it. A failure is logged as the caller's.
+int __make_hal_msg(HalMsg& msg, HDC_SESSION session, HDC_MSG_ST* frame, const dm::LogSite& site) {
     if (const int ret = __hal_msg_make(msg, session); ret != 0) {
-        DM_LOG_ERROR(hdc_log, "%s %d alloc msg err, ret %d\n", function, __LINE__, ret);
+        DM_LOG_ERROR_AT(site, "%s %d alloc msg err, ret %d\n", site.operation, site.line, ret);
         return ret;
     }
     const int ret = drvHdcAddMsgBuffer(msg.get(), reinterpret_cast<char*>(frame),
                                        DM_HDC_HEADER_LEN + frame->data_len);
     if (ret != 0)
-        DM_LOG_ERROR(hdc_log, "%s %d add msg err, ret %d\n", function, __LINE__, ret);
+        DM_LOG_ERROR_AT(site, "%s %d add msg err, ret %d\n", site.operation, site.line, ret);
     return ret;
 }
 
@@ -105,22 +85,27 @@ int __connect(uint32_t device_id, HDC_CLIENT client, HDC_SESSION* session, int* 
     }
 }
 
+constexpr const char* kClientSend = "__dm_hdc_client_send"; // what the lines of its parts name
+
 int __send_on_session(HDC_SESSION session, uint32_t type, const DM_HDC_ADDR_ST& dest,
                       const DM_HDC_ADDR_ST& own, const DM_DATA_ST* data, uint64_t req_id) {
     const auto frame = dm::allocate<HDC_MSG_ST>();
-    if (!DM_CHECK(frame != nullptr, "(hdc_msg != ((void *)0))"))
+    if (!DM_CHECK_IN(kClientSend, frame != nullptr, "(hdc_msg != ((void *)0))"))
         return -ENOMEM;
     if (dm::zero(frame.get()) != 0) {
-        DM_LOG_ERROR(hdc_log, "__dm_hdc_client_send: memset_s fail.errno=%d\n", errno);
+        DM_LOG_ERROR_IN(hdc_log, kClientSend, "__dm_hdc_client_send: memset_s fail.errno=%d\n",
+                        errno);
         return -EINVAL;
     }
     __format_hdc_msg(frame.get(), type, dest, own, session, data, req_id);
     HalMsg msg;
-    if (const int ret = __make_hal_msg(msg, session, frame.get(), "__dm_hdc_client_send"); ret != 0)
+    if (const int ret =
+            __make_hal_msg(msg, session, frame.get(), DM_LOG_SITE_IN(hdc_log, kClientSend));
+        ret != 0)
         return ret;
     const int ret = halHdcSend(session, msg.get(), HAL_HDC_WAIT_TIMEOUT, kSendTimeoutMs);
     if (ret != 0)
-        DM_LOG_INFO("%s %d send err, ret %d\n", "__dm_hdc_client_send", __LINE__, ret);
+        DM_LOG_INFO_IN(kClientSend, "%s %d send err, ret %d\n", kClientSend, __LINE__, ret);
     return ret;
 }
 
@@ -128,7 +113,7 @@ int __send_on_session(HDC_SESSION session, uint32_t type, const DM_HDC_ADDR_ST& 
 int __dm_hdc_client_send(DM_INTF_ST* intf, uint32_t type, const DM_ADDR_ST* addr,
                          const DM_DATA_ST* data, uint64_t req_id) {
     const DM_HDC_ADDR_ST dest = __hdc_addr_of(addr);
-    HdcChannel* channel = __channel_of(intf);
+    HdcChannel* channel = __hdc_channel_of(intf);
     HDC_SESSION connected = 0;
     int retry = 0;
     if (const int ret =
@@ -172,7 +157,8 @@ int __dm_hdc_server_send(DM_INTF_ST* intf, uint32_t type, DM_ADDR_ST* addr, cons
     __format_hdc_msg(frame.get(), type, dest, __hdc_addr_of(&intf->addr), dest.session, data,
                      req_id);
     HalMsg msg;
-    if (const int ret = __make_hal_msg(msg, dest.session, frame.get(), __func__); ret != 0)
+    if (const int ret = __make_hal_msg(msg, dest.session, frame.get(), DM_LOG_SITE(hdc_log));
+        ret != 0)
         return ret;
     const int ret = halHdcSend(dest.session, msg.get(), HAL_HDC_WAIT_TIMEOUT, kSendTimeoutMs);
     if (ret != 0)
@@ -193,18 +179,21 @@ int __dm_hdc_send(DM_INTF_ST* intf, uint32_t type, DM_ADDR_ST* addr, uint32_t /*
 
 // ---- receive ----
 
+constexpr const char* kRecv = "__dm_hdc_recv"; // what the lines of its parts name
+
 // Reads one frame. One that announces too much was written as a bare header.
 int __read_frame(int fd, HDC_MSG_ST* frame, dm::FramePipe& pipe) {
     if (pipe.read(fd, frame, DM_HDC_HEADER_LEN) != DM_HDC_HEADER_LEN) {
-        DM_LOG_ERROR(hdc_log, "%s%d\n", "__dm_hdc_recv: read fail.errno=", errno);
+        DM_LOG_ERROR_IN(hdc_log, kRecv, "%s%d\n", "__dm_hdc_recv: read fail.errno=", errno);
         return -1;
     }
     if (frame->data_len > DM_MAX_DATA_LEN) {
-        DM_LOG_ERROR(hdc_log, "%s%d\n", "__dm_hdc_recv: msg->data_len too long=", frame->data_len);
+        DM_LOG_ERROR_IN(hdc_log, kRecv, "%s%d\n",
+                        "__dm_hdc_recv: msg->data_len too long=", frame->data_len);
         return -1;
     }
     if (pipe.read(fd, frame->data, frame->data_len) != frame->data_len) {
-        DM_LOG_ERROR(hdc_log, "%s%d\n", "__dm_hdc_recv: read fail.errno=", errno);
+        DM_LOG_ERROR_IN(hdc_log, kRecv, "%s%d\n", "__dm_hdc_recv: read fail.errno=", errno);
         return -1;
     }
     return 0;
@@ -214,7 +203,7 @@ int __read_frame(int fd, HDC_MSG_ST* frame, dm::FramePipe& pipe) {
 int __get_src_type(HDC_SESSION session, uint8_t* src_type) {
     int32_t run_env = 0;
     if (const int ret = halHdcGetSessionAttr(session, HAL_HDC_ATTR_RUN_ENV, &run_env); ret != 0) {
-        DM_LOG_ERROR(hdc_log, "get session run env failed and ret=%d\n", ret);
+        DM_LOG_ERROR_IN(hdc_log, kRecv, "get session run env failed and ret=%d\n", ret);
         return -1;
     }
     switch (run_env) {
@@ -229,7 +218,7 @@ int __get_src_type(HDC_SESSION session, uint8_t* src_type) {
         *src_type = 0;
         return 0;
     default:
-        DM_LOG_ERROR(hdc_log, "don't know session property(%d)\n", run_env);
+        DM_LOG_ERROR_IN(hdc_log, kRecv, "don't know session property(%d)\n", run_env);
         return -1;
     }
 }
@@ -237,7 +226,7 @@ int __get_src_type(HDC_SESSION session, uint8_t* src_type) {
 int __get_uid(HDC_SESSION session, uint32_t* uid) {
     int32_t value = 0;
     if (const int ret = halHdcGetSessionAttr(session, HAL_HDC_ATTR_UID, &value); ret != 0) {
-        DM_LOG_ERROR(hdc_log, "get session uid failed and ret=%d\n", ret);
+        DM_LOG_ERROR_IN(hdc_log, kRecv, "get session uid failed and ret=%d\n", ret);
         return -1;
     }
     *uid = static_cast<uint32_t>(value);
@@ -250,7 +239,7 @@ int __copy_data(DM_DATA_ST* data, const HDC_MSG_ST* frame) {
     if (data->data_len > 0) {
         const int status = memcpy_s(data->data, capacity, frame->data, data->data_len);
         if (status != 0) {
-            DM_LOG_ERROR(hdc_log, "memcpy_s error\n");
+            DM_LOG_ERROR_IN(hdc_log, kRecv, "memcpy_s error\n");
             return status;
         }
     }
@@ -295,99 +284,10 @@ int __dm_hdc_recv(DM_INTF_ST* intf, int32_t fd, int16_t events, DM_MSG_ST* msg) 
         DM_LOG_ERROR(hdc_log, "__dm_hdc_recv: memset_s fail.errno=%d\n", errno);
         return -EINVAL;
     }
-    dm::FramePipe& pipe = __channel_of(intf)->pipe;
+    dm::FramePipe& pipe = __hdc_channel_of(intf)->pipe;
     const int ret = __read_frame(fd, frame.get(), pipe);
     pipe.flush();
     return ret == 0 ? __fill_msg(msg, frame.get(), __hdc_addr_of(&intf->addr)) : ret;
-}
-
-// ---- open and close ----
-
-int __create_server(uint32_t device_id, HDC_SERVER* server) {
-    for (int failures = 0;; ++failures) {
-        const int ret = drvHdcServerCreate(static_cast<int32_t>(device_id), 0, server);
-        if (ret == 0 || failures == kCreateRetries)
-            return ret;
-        vos_task_delay(kCreatePauseMs);
-    }
-}
-
-int __start_accepting(HdcChannel* channel) {
-    HdcChannelRef share = __hdc_channel_share(channel);
-    const MM_USER_BLOCK_ST block{__dm_server_accept_proc, share.get()};
-    MM_THREAD_ATTR_ST attr{};
-    attr.detach_flag = 1;
-    attr.stack_flag = 1;
-    attr.stack_size = kStackSize;
-    MM_THREAD thread;
-    const int ret = mmCreateTaskWithThreadAttr(&thread, &block, &attr);
-    if (ret == 0) {
-        static_cast<void>(share.release()); // the thread's
-        return 0;
-    }
-    const int code = errno;
-    DM_LOG_ERROR(hdc_log, "pthread_create error,ret = %d,errno=%d:%s\n", ret, code, strerror(code));
-    drvHdcServerDestroy(channel->handle);
-    mmSleep(1);
-    DM_CHECK(ret == 0, "ret == 0");
-    return -1;
-}
-
-int __open_server(HdcChannel* channel, uint32_t device_id) {
-    HDC_SERVER server = 0;
-    if (const int ret = __create_server(device_id, &server); ret != 0) {
-        DM_LOG_ERROR(hdc_log, "drvHdcServerCreate failed,%s%d%s%d\n", "__dm_hdc_open", __LINE__,
-                     "error=", ret);
-        return ret;
-    }
-    channel->handle = server;
-    return __start_accepting(channel);
-}
-
-int __open_client(HdcChannel* channel) {
-    HDC_CLIENT client = 0;
-    if (const int ret = drvHdcClientCreate(&client, kMaxSessions, 0, 0); ret != 0) {
-        DM_LOG_ERROR(hdc_log, "%s%d%s%d\n", "__dm_hdc_open", __LINE__, "error=", ret);
-        return ret;
-    }
-    channel->handle = client;
-    return 0;
-}
-
-// A failure leaves the pipe open.
-int __dm_hdc_open(DM_INTF_ST* intf) {
-    if (const int ret = dm::make_pipe(intf->fd, intf->wfd); ret != 0)
-        return ret;
-    HdcChannelRef channel;
-    if (const int ret = __hdc_channel_make(channel, intf->wfd); ret != 0)
-        return ret;
-    const DM_HDC_ADDR_ST own = __hdc_addr_of(&intf->addr);
-    const int ret = own.role == DM_HDC_SERVER ? __open_server(channel.get(), own.intf_num)
-                                              : __open_client(channel.get());
-    if (ret == 0)
-        intf->reserved = reinterpret_cast<uintptr_t>(channel.release());
-    return ret;
-}
-
-// Under the name that an interface gets, its channel and its pipe stay open: sessions may still
-// refer to them.
-int __dm_hdc_close(DM_INTF_ST* intf) {
-    dm::store(g_dm_hdc_run, 0);
-    HdcChannel* channel = __channel_of(intf);
-    if (channel == nullptr || !__hdc_channel_detach(channel))
-        return 0;
-    HdcChannelRef share(channel);
-    if (!__dm_has_name(intf, kReleasedName)) {
-        __hdc_channel_keep(std::move(share));
-        return 0;
-    }
-    if (__hdc_addr_of(&intf->addr).role != DM_HDC_CLIENT)
-        drvHdcServerDestroy(channel->handle);
-    else
-        drvHdcClientDestroy(channel->handle);
-    intf->reserved = 0;
-    dm::close_pipe(intf->fd, intf->wfd);
-    return 0;
 }
 
 } // namespace
@@ -414,23 +314,35 @@ int32_t dm_hdc_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER timeout_
         DM_LOG_ERROR(hdc_log, "drvHdcGetCapacity fail: %d\n", ret);
         return ret;
     }
-    if (__dm_is_duplicate(dm_cb, name))
+    if (__dm_is_duplicate(DM_LOG_SITE(hdc_log), dm_cb, name))
         return -EBUSY;
     auto made = dm::allocate<DM_INTF_ST>();
     if (!made)
         return -ENOMEM;
-    if (const int status = __dm_begin_record(made.get(), name, addr); status != 0)
+    if (const int status = __dm_begin_record(DM_LOG_SITE(hdc_log), made.get(), name, addr);
+        status != 0)
         return status;
-    if (const int ret = __dm_hdc_open(made.get()); ret != 0)
+    HdcOpened opened;
+    if (const int ret = __dm_hdc_open(opened, __hdc_addr_of(addr)); ret != 0)
         return ret;
+    made->fd = opened.read_end.get();
+    made->wfd = opened.write_end.get();
+    made->reserved = reinterpret_cast<uintptr_t>(opened.channel.get());
     __dm_fill_slots(made.get(), __dm_hdc_recv, __dm_hdc_send, __dm_send_msg_ex<__dm_hdc_send>,
                     __dm_hdc_close);
     made->timeout_ms = kTimeoutMs;
     made->max_data_len = capacity.max_len;
     made->timeout_hndl = timeout_hndl;
     made->dm_cb = dm_cb;
-    const int ret = __dm_register_or_close(dm_cb, std::move(made), intf);
-    if (ret != 0)
+    const int ret = __dm_intf_register(dm_cb, std::move(made), intf);
+    if (ret != 0) {
         DM_LOG_ERROR(hdc_log, "dm_hdc_init->dm_intf_register fail.\n");
-    return ret;
+        dm::store(g_dm_hdc_run, 0);
+        return ret;
+    }
+    // They are the record's.
+    opened.read_end.release();
+    opened.write_end.release();
+    static_cast<void>(opened.channel.release());
+    return 0;
 }

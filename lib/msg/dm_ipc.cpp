@@ -45,15 +45,13 @@ int __name_of(const DM_ADDR_ST* addr, char (&name)[DM_INTF_NAME_LEN]) {
     return dm_ipc_get_intf_name(static_cast<int32_t>(addr->peer_id), name, sizeof(name));
 }
 
-int __dm_ipc_open(DM_INTF_ST* intf) {
-    Device device(devdrv_open_device_manager());
+int __dm_ipc_open(Device& device) {
+    device.reset(devdrv_open_device_manager());
     const int fd = device.get();
     if (fd < 0)
         return -1;
     if (fcntl(fd, F_SETFL, O_NONBLOCK) == -1 || fcntl(fd, F_SETFD, FD_CLOEXEC) == -1)
         return -1;
-    intf->fd = device.release();
-    intf->wfd = intf->fd;
     return 0;
 }
 
@@ -116,20 +114,27 @@ int32_t dm_ipc_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER timeout_
     char name[DM_INTF_NAME_LEN];
     if (const int status = __name_of(addr, name); status != 0)
         return status;
-    if (__dm_is_duplicate(dm_cb, name))
+    if (__dm_is_duplicate(DM_LOG_SITE(ipc_log), dm_cb, name))
         return EBUSY;
     auto made = dm::allocate<DM_INTF_ST>();
     if (!made)
         return ENOMEM;
-    if (const int status = __dm_begin_record(made.get(), name, addr); status != 0)
+    if (const int status = __dm_begin_record(DM_LOG_SITE(ipc_log), made.get(), name, addr);
+        status != 0)
         return status;
-    if (const int status = __dm_ipc_open(made.get()); status != 0)
+    Device device;
+    if (const int status = __dm_ipc_open(device); status != 0)
         return status;
+    made->fd = device.get();
+    made->wfd = device.get();
     __dm_fill_slots(made.get(), __dm_ipc_recv, __dm_ipc_send, __dm_ipc_settime_send,
                     __dm_ipc_close);
     made->timeout_ms = kTimeoutMs;
     made->max_data_len = DM_IPC_MAX_LEN;
     made->timeout_hndl = timeout_hndl;
     made->dm_cb = dm_cb;
-    return __dm_register_or_close(dm_cb, std::move(made), intf);
+    const int status = __dm_intf_register(dm_cb, std::move(made), intf);
+    if (status == 0)
+        device.release(); // the record's
+    return status;
 }

@@ -75,18 +75,19 @@ int __selfloop_send(DM_INTF_ST* intf, uint32_t type, DM_ADDR_ST* addr, uint32_t 
 // Reads one frame. Nothing resynchronises the pipe after a malformed one.
 int __read_frame(int fd, SELF_MSG_ST* tmp, dm::FramePipe& pipe) {
     const int64_t ret = pipe.read(fd, tmp, kHeaderLen);
-    if (!DM_CHECK(ret == kHeaderLen, "ret == (sizeof(SELF_MSG_ST) - 4096)")) {
-        DM_LOG_ERROR(loop_log, "errno=%d\n", errno);
+    if (!DM_CHECK_IN("__selfloop_recv", ret == kHeaderLen, "ret == (sizeof(SELF_MSG_ST) - 4096)")) {
+        DM_LOG_ERROR_IN(loop_log, "__selfloop_recv", "errno=%d\n", errno);
         return -1;
     }
     if (tmp->data_len == 0 || tmp->data_len > DM_MAX_DATA_LEN) {
-        DM_LOG_ERROR(loop_log, "%s%d\r\n",
-                     "__selfloop_recv: msg->data_len too long=", tmp->data_len);
+        DM_LOG_ERROR_IN(loop_log, "__selfloop_recv", "%s%d\r\n",
+                        "__selfloop_recv: msg->data_len too long=", tmp->data_len);
         return -1;
     }
     const int64_t data_ret = pipe.read(fd, tmp->data, tmp->data_len);
-    if (!DM_CHECK(tmp->data_len == data_ret, "tmp->data_len == ret")) {
-        DM_LOG_ERROR(loop_log, "__selfloop_recv: read fail.errno= %d\n", errno);
+    if (!DM_CHECK_IN("__selfloop_recv", tmp->data_len == data_ret, "tmp->data_len == ret")) {
+        DM_LOG_ERROR_IN(loop_log, "__selfloop_recv", "__selfloop_recv: read fail.errno= %d\n",
+                        errno);
         return -1;
     }
     return 0;
@@ -100,14 +101,15 @@ int __fill_msg(DM_MSG_ST* msg, const SELF_MSG_ST* frame) {
     msg->src_id = 0;
     msg->src_type = kSrcType;
     msg->src_index = kSrcIndex;
-    DM_LOG_INFO("selfloop data_len %d, 0x%x\n", frame->data_len, frame->data[0]);
+    DM_LOG_INFO_IN("__selfloop_recv", "selfloop data_len %d, 0x%x\n", frame->data_len,
+                   frame->data[0]);
     // A payload that does not fit is dropped, the length then says the capacity.
     if (msg->data.data_len < frame->data_len)
         return 0;
     msg->data.data_len = frame->data_len;
     const int status = memcpy_s(msg->data.data, msg->data.data_len, frame->data, frame->data_len);
     if (status != 0)
-        DM_LOG_ERROR(loop_log, "memcpy_s error\n");
+        DM_LOG_ERROR_IN(loop_log, "__selfloop_recv", "memcpy_s error\n");
     return status;
 }
 
@@ -132,13 +134,13 @@ int __selfloop_recv(DM_INTF_ST* intf, int32_t fd, int16_t events, DM_MSG_ST* msg
 // An interface under another name keeps its pipe open.
 int __selfloop_close(DM_INTF_ST* intf) {
     if (__dm_has_name(intf, kDefaultName))
-        dm::close_pipe(intf->fd, intf->wfd);
+        dm::close_pipe(DM_LOG_SITE(loop_log), intf->fd, intf->wfd);
     return 0;
 }
 
 void __close_unused(int fd) {
     const int ret_t = mmCloseFile(fd);
-    DM_ASSERT_CLOSED_IN(loop_log, __func__, ret_t, "ret_t == 0");
+    DM_ASSERT_CLOSED_IN(loop_log, "selfloop_init", ret_t, "ret_t == 0");
 }
 
 using PipeEnd = dm::Descriptor<__close_unused>;
@@ -151,15 +153,15 @@ bool __is_selfloop_addr(const DM_ADDR_ST* addr) {
 int __make_record(dm::Owned<DM_INTF_ST>& intf, DM_CB_ST* dm_cb, const DM_ADDR_ST* addr,
                   const char* name) {
     auto made = dm::allocate<DM_INTF_ST>(sizeof(LoopIntf));
-    if (!DM_CHECK(made != nullptr, "intf != ((void *)0)"))
+    if (!DM_CHECK_IN("selfloop_init", made != nullptr, "intf != ((void *)0)"))
         return ENOMEM;
     const int ret = dm::zero(made.get(), sizeof(LoopIntf));
-    if (!DM_CHECK(ret == 0, "ret == 0")) {
-        DM_LOG_ERROR(loop_log, "memset_s fail:%d\n", ret);
+    if (!DM_CHECK_IN("selfloop_init", ret == 0, "ret == 0")) {
+        DM_LOG_ERROR_IN(loop_log, "selfloop_init", "memset_s fail:%d\n", ret);
         return ret;
     }
     if (const int status = __dm_copy_intf_name(made->name, name); status != 0) {
-        DM_LOG_ERROR(loop_log, "strncpy_s error\n");
+        DM_LOG_ERROR_IN(loop_log, "selfloop_init", "strncpy_s error\n");
         return status;
     }
     made->addr.kind = DM_KIND_SELFLOOP;
@@ -172,20 +174,6 @@ int __make_record(dm::Owned<DM_INTF_ST>& intf, DM_CB_ST* dm_cb, const DM_ADDR_ST
     made->dm_cb = dm_cb;
     intf = std::move(made);
     return 0;
-}
-
-// Registers the record. When that fails, the record is released and its pipe closed, once.
-int __register_selfloop(DM_CB_ST* dm_cb, dm::Owned<DM_INTF_ST> intf, DM_INTF_ST** out,
-                        PipeEnd& read_end, PipeEnd& write_end) {
-    const bool closes_itself = __dm_has_name(intf.get(), kDefaultName);
-    IntfHolder holder{};
-    const int status = __dm_register_record(dm_cb, intf, out, &holder);
-    // Listed, or closed by its close slot already.
-    if (holder == IntfHolder::context || (holder == IntfHolder::nobody && closes_itself)) {
-        read_end.release();
-        write_end.release();
-    }
-    return status;
 }
 
 } // namespace
@@ -216,5 +204,10 @@ int selfloop_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_ADDR_ST* addr, const ch
     made->fd = read_end.get();
     made->wfd = write_end.get();
     new (&__pipe_of(made.get())) dm::FramePipe(made->wfd);
-    return __register_selfloop(dm_cb, std::move(made), intf, read_end, write_end);
+    const int status = __dm_intf_register(dm_cb, std::move(made), intf);
+    if (status == 0) { // they are the record's
+        read_end.release();
+        write_end.release();
+    }
+    return status;
 }

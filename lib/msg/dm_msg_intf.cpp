@@ -537,8 +537,7 @@ void __await_service(Context* context, const DM_INTF_ST* intf) {
 }
 
 // Removes the first interface of that name with all that refers to it, closes and releases it.
-// Gives its address, which is dead, or null when there is none.
-const DM_INTF_ST* __retire_first(DM_CB_ST* dm_cb, const char* name) {
+void __retire_first(DM_CB_ST* dm_cb, const char* name) {
     Context* context = __private(dm_cb);
     // The record lives until the walk ends: the node is marked and no longer found, but stays.
     dm::ListWalk walk(dm_cb->intf_list);
@@ -549,11 +548,15 @@ const DM_INTF_ST* __retire_first(DM_CB_ST* dm_cb, const char* name) {
         list_remove(dm_cb->intf_list, walk.node());
     }
     if (intf == nullptr)
-        return nullptr;
+        return;
     __poller_fd_remove_and_wait(dm_cb->poller, intf->fd, POLLIN);
     __end_requests(dm_cb, intf);
     __await_service(context, intf);
-    return intf;
+}
+
+int __watch(DM_CB_ST* dm_cb, DM_INTF_ST* intf) {
+    return poller_fd_add(dm_cb->poller, intf->fd, POLLIN, __dm_recv, &intf,
+                         static_cast<int32_t>(sizeof(intf)));
 }
 
 // ---- the context's life ----
@@ -657,26 +660,32 @@ void dm_destroy(DM_CB_ST* dm_cb) {
     __drop_context(__private(dm_cb));
 }
 
-int __dm_intf_register(DM_CB_ST* dm_cb, DM_INTF_ST* intf, IntfHolder* holder) {
-    *holder = IntfHolder::caller;
+int __dm_intf_register(DM_CB_ST* dm_cb, dm::Owned<DM_INTF_ST> intf, DM_INTF_ST** out) {
+    if (const int status = list_append(dm_cb->intf_list, intf.get()); status != 0)
+        return status;
+    DM_INTF_ST* record = intf.release();
+    const int status = __watch(dm_cb, record);
+    if (status == 0 && out != nullptr)
+        *out = record;
+    if (status != 0) {
+        record->close = nullptr;
+        __retire_first(dm_cb, record->name);
+    }
+    return status;
+}
+
+int dm_intf_register(DM_CB_ST* dm_cb, DM_INTF_ST* intf) {
     if (dm_cb == nullptr || intf == nullptr) {
         DM_LOG_ERROR(msg_log, "dm_intf_register input cb or intf null.\n");
         return -EINVAL;
     }
     if (const int status = list_append(dm_cb->intf_list, intf); status != 0)
         return status;
-    *holder = IntfHolder::context;
-    const int status = poller_fd_add(dm_cb->poller, intf->fd, POLLIN, __dm_recv, &intf,
-                                     static_cast<int32_t>(sizeof(intf)));
+    const int status = __watch(dm_cb, intf);
     // The removal goes by name: of two records of one name the older one goes.
-    if (status != 0 && __retire_first(dm_cb, intf->name) == intf)
-        *holder = IntfHolder::nobody;
+    if (status != 0)
+        __retire_first(dm_cb, intf->name);
     return status;
-}
-
-int dm_intf_register(DM_CB_ST* dm_cb, DM_INTF_ST* intf) {
-    IntfHolder holder{};
-    return __dm_intf_register(dm_cb, intf, &holder);
 }
 
 int dm_intf_deregister(DM_INTF_ST* intf) {

@@ -9,16 +9,10 @@
 
 #include <cstring>
 
-// Who has an interface record after a registration.
-enum class IntfHolder {
-    caller,  // the list refused it: not registered, still the caller's
-    context, // it is listed
-    nobody,  // the poller refused it: closed and released
-};
-
-// dm_intf_register(), which also tells who has the record afterwards. That cannot be found out by
-// name: neither a refused record nor a released one is listed.
-int __dm_intf_register(DM_CB_ST* dm_cb, DM_INTF_ST* intf, IntfHolder* holder);
+// Registers a record for a transport's init function and gives its address in *out, which may be
+// null. The record is the context's afterwards, whatever this returns: one that is refused has been
+// released without a call of its close slot. What it refers to is still the caller's to close then.
+int __dm_intf_register(DM_CB_ST* dm_cb, dm::Owned<DM_INTF_ST> intf, DM_INTF_ST** out);
 
 // Copies a payload with the given bounds-checked function; an empty one needs no bytes to point at.
 // Gives a status.

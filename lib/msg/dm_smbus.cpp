@@ -62,16 +62,16 @@ int __safe_open(const char* path, int flags) {
 int __fill_block(i2c_smbus_data* block, const uint8_t* data, uint32_t data_len) {
     block->block[0] = static_cast<uint8_t>(data_len);
     const int ret = memcpy_s(block->block + 1, sizeof(block->block) - 1, data, data_len);
-    if (!DM_CHECK(ret == 0, "(ret == 0)"))
-        DM_LOG_ERROR(smbus_log, "memcpy_s error\n");
+    if (!DM_CHECK_IN("smbus_msg_send", ret == 0, "(ret == 0)"))
+        DM_LOG_ERROR_IN(smbus_log, "smbus_msg_send", "memcpy_s error\n");
     return ret;
 }
 
 void __count_failure() {
     const uint32_t count = ++g_send_failures;
-    if (DM_CHECK(count <= kFailuresUnlogged, "(count <= 600)"))
+    if (DM_CHECK_IN("smbus_msg_send", count <= kFailuresUnlogged, "(count <= 600)"))
         return;
-    DM_LOG_ERROR(smbus_log, "__dm_smbus_send: ioctl fail\n");
+    DM_LOG_ERROR_IN(smbus_log, "smbus_msg_send", "__dm_smbus_send: ioctl fail\n");
     g_send_failures = 0;
 }
 

@@ -54,9 +54,9 @@ bool __set_socket_flags(int fd) {
            fcntl(fd, F_SETFL, flags | O_NONBLOCK) != -1 && fcntl(fd, F_SETFD, FD_CLOEXEC) != -1;
 }
 
-// Opens the socket and binds it to the record's address, which the host may not have yet.
-int __dm_udp_open(DM_INTF_ST* intf) {
-    Socket opened(mmSocket(AF_INET, SOCK_DGRAM, 0));
+// Opens a socket and binds it to an address, which the host may not have yet.
+int __dm_udp_open(Socket& opened, const DM_ADDR_ST* addr) {
+    opened.reset(mmSocket(AF_INET, SOCK_DGRAM, 0));
     if (opened.get() < 0 || !__set_socket_flags(opened.get()))
         return errno;
     sockaddr_in own;
@@ -65,14 +65,12 @@ int __dm_udp_open(DM_INTF_ST* intf) {
         DM_LOG_ERROR(udp_log, "memset err,ret=%d\n", ret);
         return code;
     }
-    own = __sockaddr_of(&intf->addr);
+    own = __sockaddr_of(addr);
     const int on = 1;
     if (setsockopt(opened.get(), IPPROTO_IP, IP_FREEBIND, &on, sizeof(on)) != 0)
         return errno;
     if (bind(opened.get(), reinterpret_cast<const sockaddr*>(&own), sizeof(own)) != 0)
         return errno;
-    intf->fd = opened.release();
-    intf->wfd = intf->fd;
     return 0;
 }
 
@@ -104,7 +102,7 @@ int __send_datagram(int fd, const DM_UDP_MSG_ST* frame, const DM_ADDR_ST* dest) 
     if (sent >= 0)
         return 0;
     const int code = errno;
-    DM_LOG_ERROR(udp_log, "__dm_udp_send: sendto fail.errno=%d\r\n", code);
+    DM_LOG_ERROR_IN(udp_log, "__dm_udp_send", "__dm_udp_send: sendto fail.errno=%d\r\n", code);
     return code;
 }
 
@@ -190,9 +188,9 @@ int __dm_udp_close(DM_INTF_ST* intf) {
     return 0;
 }
 
-// Builds a record with an open socket.
-int dm_udp_init_intf(dm::Owned<DM_INTF_ST>& intf, DM_DATA_HANDLER timeout_hndl, DM_CB_ST* dm_cb,
-                     const DM_ADDR_ST* addr, const char* name, uint32_t name_len) {
+// Builds a record, with a socket that stays `opened`'s until the record is registered.
+int dm_udp_init_intf(dm::Owned<DM_INTF_ST>& intf, Socket& opened, DM_DATA_HANDLER timeout_hndl,
+                     DM_CB_ST* dm_cb, const DM_ADDR_ST* addr, const char* name, uint32_t name_len) {
     if (name_len > DM_INTF_NAME_LEN) {
         DM_LOG_ERROR(udp_log, "name len %d is too large than %d\n", static_cast<int>(name_len),
                      DM_INTF_NAME_LEN);
@@ -201,10 +199,13 @@ int dm_udp_init_intf(dm::Owned<DM_INTF_ST>& intf, DM_DATA_HANDLER timeout_hndl, 
     auto made = dm::allocate<DM_INTF_ST>();
     if (!made)
         return ENOMEM;
-    if (const int status = __dm_begin_record(made.get(), name, addr); status != 0)
+    if (const int status = __dm_begin_record(DM_LOG_SITE(udp_log), made.get(), name, addr);
+        status != 0)
         return status;
-    if (const int status = __dm_udp_open(made.get()); status != 0)
+    if (const int status = __dm_udp_open(opened, addr); status != 0)
         return status;
+    made->fd = opened.get();
+    made->wfd = opened.get();
     __dm_fill_slots(made.get(), __dm_udp_recv, __dm_udp_send, __dm_send_msg_ex<__dm_udp_send>,
                     __dm_udp_close);
     made->retry_cnt = kRetryCount;
@@ -214,18 +215,6 @@ int dm_udp_init_intf(dm::Owned<DM_INTF_ST>& intf, DM_DATA_HANDLER timeout_hndl, 
     made->dm_cb = dm_cb;
     intf = std::move(made);
     return 0;
-}
-
-// Registers the record. When that fails, the record is released and its socket closed, once.
-int __register_udp(DM_CB_ST* dm_cb, dm::Owned<DM_INTF_ST> intf, DM_INTF_ST** out) {
-    const bool closes_itself = __dm_has_name(intf.get(), kDefaultName);
-    Socket opened(intf->fd);
-    IntfHolder holder{};
-    const int status = __dm_register_record(dm_cb, intf, out, &holder);
-    // Listed, or closed by its close slot already.
-    if (holder == IntfHolder::context || (holder == IntfHolder::nobody && closes_itself))
-        opened.release();
-    return status;
 }
 
 } // namespace
@@ -243,14 +232,18 @@ int dm_udp_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER timeout_hndl
         DM_LOG_ERROR(udp_log, "strncpy_s error\n");
         return status;
     }
-    if (__dm_is_duplicate(dm_cb, own_name))
+    if (__dm_is_duplicate(DM_LOG_SITE(udp_log), dm_cb, own_name))
         return EBUSY;
     dm::Owned<DM_INTF_ST> made;
-    const int status =
-        dm_udp_init_intf(made, timeout_hndl, dm_cb, addr, own_name, DM_INTF_NAME_LEN);
-    if (status != 0) {
+    Socket opened;
+    if (const int status =
+            dm_udp_init_intf(made, opened, timeout_hndl, dm_cb, addr, own_name, DM_INTF_NAME_LEN);
+        status != 0) {
         DM_LOG_ERROR(udp_log, "init intf fail ret = %d\n", status);
         return status;
     }
-    return __register_udp(dm_cb, std::move(made), intf);
+    const int status = __dm_intf_register(dm_cb, std::move(made), intf);
+    if (status == 0)
+        opened.release(); // the record's
+    return status;
 }

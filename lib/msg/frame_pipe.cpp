@@ -1,34 +1,29 @@
 #include "msg/frame_pipe.h"
 
-#include "base/log.h"
+#include "base/cancellation.h"
 #include "platform_adapter.h"
+
+#include <pthread.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 namespace dm {
 
 static_assert(std::is_trivially_destructible_v<FramePipe>);
 
-namespace {
-
-constinit dm::SubjectLog pipe_log;
-
-void __close_logged(int fd) {
-    const int ret = mmCloseFile(fd);
-    DM_ASSERT_CLOSED_IN(pipe_log, __func__, ret, "ret == 0");
-}
-
-} // namespace
-
-int64_t FramePipe::write(const void* frame, uint32_t size) {
+std::optional<int64_t> FramePipe::write(const void* frame, uint32_t size) {
+    pthread_testcancel();
     const std::lock_guard lock(lock_);
+    if (shut_)
+        return std::nullopt;
     __flush_locked();
     if (begin_ != end_)
         return -1;
-    const int64_t written = mmWriteFile(wfd_, frame, size);
+    const int64_t written = __write(frame, size);
     if (written >= 0 && written < size)
         __keep(static_cast<const uint8_t*>(frame), static_cast<uint32_t>(written), size);
     return written;
@@ -52,6 +47,16 @@ void FramePipe::flush() {
         __flush_waiting();
 }
 
+bool FramePipe::shut() {
+    const std::lock_guard lock(lock_);
+    return !std::exchange(shut_, true);
+}
+
+bool FramePipe::is_shut() {
+    const std::lock_guard lock(lock_);
+    return shut_;
+}
+
 // True when some of the rest was written. Waits for a writer that is just about to keep one.
 bool FramePipe::__flush_waiting() {
     const std::lock_guard lock(lock_);
@@ -59,15 +64,22 @@ bool FramePipe::__flush_waiting() {
 }
 
 bool FramePipe::__flush_locked() {
-    if (begin_ == end_)
+    if (shut_ || begin_ == end_)
         return false;
     errno = EAGAIN; // stands when only a part is taken
-    const int64_t written = mmWriteFile(wfd_, rest_ + begin_, end_ - begin_);
+    const int64_t written = __write(rest_ + begin_, end_ - begin_);
     if (written <= 0)
         return false;
     begin_ += static_cast<uint32_t>(written);
     has_rest_ = begin_ != end_;
     return true;
+}
+
+// A thread that is cancelled in write(2) does not learn how much of a frame the pipe took, and the
+// next frame would land in the middle of it. The pipe does not block, so this holds nobody up.
+int64_t FramePipe::__write(const void* bytes, uint32_t size) const {
+    const CancellationOff whole;
+    return mmWriteFile(wfd_, bytes, size);
 }
 
 void FramePipe::__keep(const uint8_t* frame, uint32_t begin, uint32_t end) {
@@ -77,9 +89,11 @@ void FramePipe::__keep(const uint8_t* frame, uint32_t begin, uint32_t end) {
     has_rest_ = true;
 }
 
-void close_pipe(int read_end, int write_end) {
-    __close_logged(read_end);
-    __close_logged(write_end);
+void close_pipe(const LogSite& site, int read_end, int write_end) {
+    for (const int fd : {read_end, write_end}) {
+        if (mmCloseFile(fd) != 0)
+            DM_LOG_ASSERT_AT(site, "ret == 0");
+    }
 }
 
 } // namespace dm

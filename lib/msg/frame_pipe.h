@@ -2,11 +2,13 @@
 #ifndef DM_FRAME_PIPE_H
 #define DM_FRAME_PIPE_H
 
+#include "base/log.h"
 #include "dm_msg_intf.h"
 
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 
 namespace dm {
 
@@ -18,10 +20,14 @@ class FramePipe {
 public:
     static constexpr uint32_t kMaxHeaderLen = 64;
 
-    explicit FramePipe(int wfd) : wfd_(wfd) {}
+    // The writing end is read from its owner's field with every call.
+    explicit FramePipe(const int32_t& wfd) : wfd_(wfd) {}
 
-    // Writes a frame as mmWriteFile() does, but never a part of it alone.
-    int64_t write(const void* frame, uint32_t size);
+    // Writes a frame as mmWriteFile() does, but never a part of it alone. Gives nothing, and writes
+    // nothing, once the pipe is shut.
+    //
+    // A cancellation point before the frame, not within: it goes out whole or not at all.
+    std::optional<int64_t> write(const void* frame, uint32_t size);
 
     // Reads `size` bytes from the other end as mmReadFile() does, all of them: what was kept of a
     // frame follows as the reading makes room.
@@ -34,21 +40,28 @@ public:
     // be read then. So a reader that a write has woken seldom has to wait for the writer.
     void flush();
 
+    // From here on nothing is written, and nobody is about to: the descriptor may be closed. False
+    // when it was so before.
+    bool shut();
+    bool is_shut();
+
 private:
     bool __flush_waiting();
     bool __flush_locked();
+    int64_t __write(const void* bytes, uint32_t size) const;
     void __keep(const uint8_t* frame, uint32_t begin, uint32_t end);
 
-    int wfd_;
-    std::mutex lock_;
+    const int32_t& wfd_;
+    std::mutex lock_; // guards what follows
+    bool shut_ = false;
     uint32_t begin_ = 0; // the rest is rest_[begin_, end_)
     uint32_t end_ = 0;
-    std::atomic<bool> has_rest_{false};
     uint8_t rest_[kMaxHeaderLen + DM_MAX_DATA_LEN];
+    std::atomic<bool> has_rest_{false}; // read without the lock
 };
 
-// Closes both ends, the reading one first. A close that fails is logged.
-void close_pipe(int read_end, int write_end);
+// Closes both ends, the reading one first. A close that fails is logged as the caller's.
+void close_pipe(const LogSite& site, int read_end, int write_end);
 
 } // namespace dm
 

@@ -122,7 +122,7 @@ using HandleShare = std::unique_ptr<Poller, HandleDrop>;
 
 // Releases all but the handle, whose lists are null from then on. Not left half done.
 void __poller_free(Poller* poller) {
-    const dm::CancellationHeldOff held_off;
+    const dm::CancellationOff whole;
     const HandleShare share(poller);
     list_destroy(std::exchange(poller->fd_list, nullptr));
     list_destroy(std::exchange(poller->timer_list, nullptr));

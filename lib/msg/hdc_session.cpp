@@ -1,4 +1,4 @@
-#include "msg/dm_hdc_session.h"
+#include "msg/hdc_session.h"
 
 #include "base/atomic_field.h"
 #include "base/log.h"
@@ -11,25 +11,16 @@
 
 #include <cerrno>
 #include <cstring>
-#include <new>
-#include <utility>
+#include <optional>
 
 int32_t g_dm_hdc_run = 1;
 
 namespace {
 
-constinit dm::SubjectLog session_log;
-
 constexpr size_t kStackSize = 131072;
 constexpr useconds_t kPauseUs = 1000;
 constexpr int kRecvAttempts = 5;
 constexpr uint32_t kRecvTimeoutMs = 3000;
-
-static_assert(DM_HDC_HEADER_LEN <= dm::FramePipe::kMaxHeaderLen);
-
-// Channels that stay open although their interface is gone: the HAL may still refer to them.
-std::mutex g_kept_lock;
-HdcChannel* g_kept = nullptr;
 
 // ---- one message of a session ----
 
@@ -40,9 +31,9 @@ int __recv_in_time(HDC_SESSION session, HAL_HDC_MSG* msg) {
             halHdcRecv(session, msg, DM_MAX_DATA_LEN, HAL_HDC_WAIT_TIMEOUT, &count, kRecvTimeoutMs);
         if (ret != HAL_HDC_TIMEOUT)
             return ret;
-        DM_LOG_INFO("halHdcRecv timeout recv_cnt:%d\n", recv_cnt);
+        DM_LOG_INFO_IN("__dm_session_hdc_recv_proc", "halHdcRecv timeout recv_cnt:%d\n", recv_cnt);
     }
-    DM_LOG_ERROR(session_log, "halHdcRecv timeout.\n");
+    DM_LOG_ERROR_IN(hdc_log, "__dm_session_hdc_recv_proc", "halHdcRecv timeout.\n");
     return HAL_HDC_TIMEOUT;
 }
 
@@ -55,11 +46,17 @@ int __dm_session_hdc_recv_proc(HDC_SESSION session, HalMsg& msg, char** buf, int
     return drvHdcGetMsgBuffer(msg.get(), 0, buf, len);
 }
 
+// Gives 0, errno, or -1 when the interface is gone.
 int __hdc_write_to_pipe(HdcChannel* channel, const HDC_MSG_ST* frame, uint32_t size) {
-    if (channel->pipe.write(frame, size) >= 0)
+    const std::optional<int64_t> written = channel->pipe.write(frame, size);
+    if (!written.has_value()) {
+        DM_LOG_ASSERT_IN(hdc_log, "__dm_session_recv_proc", "intf");
+        return -1;
+    }
+    if (*written >= 0)
         return 0;
     const int code = errno;
-    DM_LOG_ERROR(session_log, "__hdc_write_to_pipe: write fail.errno=%d\r\n", code);
+    DM_LOG_ERROR(hdc_log, "__hdc_write_to_pipe: write fail.errno=%d\r\n", code);
     return code;
 }
 
@@ -79,21 +76,12 @@ int __hand_over(HdcChannel* channel, HDC_SESSION session, char* buf, int32_t len
     auto* frame = reinterpret_cast<HDC_MSG_ST*>(buf);
     const uint32_t size = __frame_len(frame, len > 0 ? static_cast<uint32_t>(len) : 0);
     if (size == 0) {
-        DM_LOG_ERROR(session_log, "hdc message of %d bytes is too short\n", len);
+        DM_LOG_ERROR_IN(hdc_log, "__dm_session_recv_proc", "hdc message of %d bytes is too short\n",
+                        len);
         return -1;
     }
     frame->session = session;
-    const std::lock_guard lock(channel->lock);
-    if (!channel->has_intf) {
-        DM_LOG_ASSERT(session_log, "intf");
-        return -1;
-    }
     return __hdc_write_to_pipe(channel, frame, size);
-}
-
-bool __has_intf(HdcChannel* channel) {
-    const std::lock_guard lock(channel->lock);
-    return channel->has_intf;
 }
 
 // ---- the thread of a session ----
@@ -107,7 +95,7 @@ struct ACCEPTED_ST {
 void* __dm_server_recv_msg_proc(void* arg) {
     prctl(PR_SET_NAME, "server_recv_msg_proc");
     if (arg == nullptr) {
-        DM_LOG_ERROR(session_log, "input arg is NULL\n");
+        DM_LOG_ERROR(hdc_log, "input arg is NULL\n");
         return nullptr;
     }
     const dm::Owned<ACCEPTED_ST> accepted(static_cast<ACCEPTED_ST*>(arg));
@@ -116,7 +104,7 @@ void* __dm_server_recv_msg_proc(void* arg) {
     drvHdcSetSessionReference(session.get());
     const int ret = __dm_session_recv_proc(channel.get(), session.get());
     if (ret != 0)
-        DM_LOG_ERROR(session_log, "__dm_session_recv_proc error: %d.\n", ret);
+        DM_LOG_ERROR(hdc_log, "__dm_session_recv_proc error: %d.\n", ret);
     else
         session.release(); // open until the answer is sent
     return nullptr;
@@ -130,7 +118,8 @@ bool __create_session_thread(ACCEPTED_ST* accepted) {
     pthread_t thread;
     const bool created = pthread_create(&thread, &attr, __dm_server_recv_msg_proc, accepted) == 0;
     if (!created)
-        DM_LOG_ERROR(session_log, "pthread_create fail errno=%d:%s\n", errno, strerror(errno));
+        DM_LOG_ERROR_IN(hdc_log, "__dm_server_accept_proc", "pthread_create fail errno=%d:%s\n",
+                        errno, strerror(errno));
     pthread_attr_destroy(&attr);
     return created;
 }
@@ -155,64 +144,28 @@ void __start_session(HdcChannel* channel, HDC_SESSION accepted_session) {
 
 } // namespace
 
-int __hdc_channel_make(HdcChannelRef& channel, int wfd) {
-    auto block = dm::allocate<void>(sizeof(HdcChannel));
-    if (!DM_CHECK(block != nullptr, "(intf->channel_cb != ((void *)0))"))
-        return -ENOMEM;
-    if (const int status = memset_s(block.get(), sizeof(HdcChannel), 0, sizeof(HdcChannel));
-        status != 0) {
-        DM_LOG_ERROR(session_log, "memset_s fail: %d\n", status);
-        return status;
-    }
-    channel.reset(new (block.release()) HdcChannel(wfd));
-    return 0;
-}
-
-void __hdc_channel_unref(HdcChannel* channel) {
-    if (channel->holders.fetch_sub(1) != 1)
-        return;
-    channel->~HdcChannel();
-    std::free(channel);
-}
-
-HdcChannelRef __hdc_channel_share(HdcChannel* channel) {
-    channel->holders.fetch_add(1);
-    return HdcChannelRef(channel);
-}
-
-bool __hdc_channel_detach(HdcChannel* channel) {
-    const std::lock_guard lock(channel->lock);
-    return std::exchange(channel->has_intf, false);
-}
-
-void __hdc_channel_keep(HdcChannelRef channel) {
-    const std::lock_guard lock(g_kept_lock);
-    channel->next = g_kept;
-    g_kept = channel.release();
-}
-
 int __dm_session_recv_proc(HdcChannel* channel, HDC_SESSION session) {
-    if (channel != nullptr && !__has_intf(channel)) {
-        DM_LOG_ASSERT(session_log, "intf");
+    if (channel != nullptr && channel->pipe.is_shut()) {
+        DM_LOG_ASSERT(hdc_log, "intf");
         return -1;
     }
     if (session == 0) {
-        DM_LOG_ASSERT(session_log, "session");
+        DM_LOG_ASSERT(hdc_log, "session");
         return -1;
     }
     if (channel == nullptr) {
-        DM_LOG_ASSERT(session_log, "chan_cb");
+        DM_LOG_ASSERT(hdc_log, "chan_cb");
         return -1;
     }
     HalMsg msg;
     char* buf = nullptr;
     int32_t len = 0;
     if (const int ret = __dm_session_hdc_recv_proc(session, msg, &buf, &len); ret != 0) {
-        DM_LOG_ERROR(session_log, "hdc recv error %d \n", ret);
+        DM_LOG_ERROR(hdc_log, "hdc recv error %d \n", ret);
         return ret;
     }
     if (buf == nullptr) {
-        DM_LOG_ASSERT(session_log, "(hdc_msg != ((void *)0))");
+        DM_LOG_ASSERT(hdc_log, "(hdc_msg != ((void *)0))");
         msg.release(); // a message in this state is not given back to the HAL
         return -1;
     }
@@ -225,7 +178,7 @@ void* __dm_server_accept_proc(void* arg) {
     while (dm::load(g_dm_hdc_run) != 0) {
         HDC_SESSION session = 0;
         if (const int ret = drvHdcSessionAccept(channel->handle, &session); ret != 0) {
-            DM_LOG_ERROR(session_log, "drvHdcSessionAccept error, hdc errno: %d.\n", ret);
+            DM_LOG_ERROR(hdc_log, "drvHdcSessionAccept error, hdc errno: %d.\n", ret);
             usleep(kPauseUs);
             continue;
         }
