@@ -11,6 +11,11 @@
  * functions return negative errno numbers (errno(3)) of their own and pass positive ones of the
  * list and the poller through; dm_send_req() returns the DM_ERR_ codes; the init functions of the
  * transports return what their headers say.
+ *
+ * A forked child (fork(2)) has no poll thread. It may call dm_destroy() on its parent's context,
+ * which does nothing, and make a context of its own. Other calls for the parent's context must not
+ * be made there: what they send goes out of the parent's descriptors, which the child shares until
+ * it calls execve(2) or ends.
  */
 #ifndef DM_MSG_INTF_H
 #define DM_MSG_INTF_H
@@ -176,9 +181,12 @@ typedef int (*DM_GET_RETRY)(struct DM_INTF_ST* intf, int32_t* retry_cnt, uint32_
 
 /**
  * Closes the interface's descriptors and releases what else it has, but not the record, which the
- * framework gives to free(3) afterwards. Called once, on the thread that removes the interface or
- * releases the context.
- * @param intf the interface, which is in no list any more.
+ * framework gives to free(3) afterwards. Called once, with no lock held: by dm_intf_deregister(), on
+ * its thread and before it returns, or by the thread that releases the context. It may look names
+ * up, remove other interfaces and call the context's poller; when the context goes, that does
+ * nothing or refuses with EINVAL.
+ * @param intf the interface: no longer found by its name when it is removed, and still found when
+ *             the context goes.
  * @return ignored.
  */
 typedef int (*DM_CLOSE)(struct DM_INTF_ST* intf);
@@ -289,7 +297,8 @@ DM_API int dm_init(DM_CB_ST** dm_cb);
  * from a handler: it returns, and no further callback of the context runs.
  *
  * Any thread. No other thread may be inside a call for this context, and the handle must not be
- * used afterwards.
+ * used afterwards. A thread that is cancelled in it ends behind it. In a forked child it does
+ * nothing.
  * @param dm_cb null is ignored.
  */
 DM_API void dm_destroy(DM_CB_ST* dm_cb);
@@ -309,8 +318,12 @@ DM_API int dm_intf_register(DM_CB_ST* dm_cb, DM_INTF_ST* intf);
  * Removes the first interface of the record's name, closes and releases it. Its pending requests
  * end without a callback. When the call has returned, no receive, handler or time-out of that
  * interface runs or will run, so it waits for one that is running - except on the poll thread,
- * where it never waits. No thread may be sending on the interface meanwhile. Any thread.
- * @param intf a registered interface; the record is dead afterwards.
+ * where it never waits. Its close slot has run by then, and no file is kept open for the sake of
+ * its being watched. No thread may be sending on the interface meanwhile. Any thread; one that is
+ * cancelled in it ends behind it.
+ * @param intf a registered interface; the record is dead afterwards. In a callback that the
+ *             framework makes on the poll thread, its memory stays until that returns: a slot may
+ *             remove its own interface, and a message that recv_msg gives all the same is handled.
  * @return 0, also for a name that is not registered; -EINVAL for a null record or one without a
  *         context; or the code of poller_fd_remove() or list_remove_by_tag().
  */
@@ -349,12 +362,21 @@ DM_API int dm_cmd_register(DM_CB_ST* dm_cb, DM_MSG_HANDLER handler, DM_DATA_HAND
 DM_API int dm_cmd_deregister(DM_CB_ST* dm_cb);
 
 /**
- * Sends a request and returns; the response callback is called later, once, on the poll thread.
+ * Sends a request and returns. It has one outcome: 0, and the response callback is called once, on
+ * the poll thread; or an error, and it is never called. The callback may be called before the call
+ * has returned. It is not called when the interface is removed or the context destroyed before, nor
+ * when the calling thread is cancelled in the call. An empty response to a time-out is lost in the
+ * self-loop (see DM_DATA_HANDLER).
  *
  * Unless the interface's retry_cnt is negative, the request times out. With a retry_cnt of N above
  * 0 it is sent N + 1 times, timeout_ms apart, and the time-out is reported with the last re-send,
  * N periods after the first send; with 0 it is sent once and times out after one period. A time-out
- * reaches the callback as a response that the interface's timeout_hndl made.
+ * reaches the callback as a response that the interface's timeout_hndl made. One that falls due while
+ * the interface is still sending is reported when it has sent.
+ *
+ * The answer is recognised by the request's identity, which no other request gets before 256 more
+ * have ended. An answer that comes later than that, late or doubled on its way, may be taken for
+ * another request's.
  *
  * Any thread. Nothing of the caller's is kept: address, data and user data are copied.
  * @param intf the interface to send on, registered.
@@ -364,9 +386,8 @@ DM_API int dm_cmd_deregister(DM_CB_ST* dm_cb);
  * @param rsp_cb may be null.
  * @param user_data copied; may be null.
  * @param user_data_len its length in bytes, above 0 even without user data.
- * @return 0 when the request was sent and waits for its response, or DM_ERR_INVALID_ARG,
- *         DM_ERR_PENDING_ADD, DM_ERR_SEND; the callback is not called then, unless a response
- *         arrived while the send was still failing.
+ * @return 0 when the request was sent, or was answered before the send failed;
+ *         DM_ERR_INVALID_ARG, DM_ERR_PENDING_ADD or DM_ERR_SEND.
  */
 DM_API int dm_send_req(DM_INTF_ST* intf, DM_ADDR_ST* addr, uint32_t addr_len, DM_DATA_ST* data,
                        DM_MSG_HANDLER rsp_cb, void* user_data, uint32_t user_data_len);

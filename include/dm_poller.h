@@ -10,6 +10,12 @@
  * when the wait under way ends. A wait lasts 50 ms, or to the deadline of the first timer when one
  * is pending.
  *
+ * A callback may be cancelled, or end its thread: the poller is then idle, as after poller_exit().
+ *
+ * The poll thread is not in a forked child (fork(2)). There poller_destory() on the parent's running
+ * poller does nothing, poller_exit() is refused with 1, and no other call may be made; what the
+ * child inherits of it goes with execve(2) or with the child. Neither has an effect on the parent.
+ *
  * Results are positive errno numbers (errno(3)): 0, EINVAL (22), ENOMEM (12), the number of a
  * failed pipe(2) or fcntl(2), the code of a failed bounds-checked function; or 1 for a call that
  * is not allowed in the poller's state or on the calling thread.
@@ -153,8 +159,8 @@ DM_API int poller_exit(POLLER_ST* poller);
 /**
  * Releases the poller: at once when it is idle, else by its own thread as that leaves, with no
  * callback cut short. A poller whose thread is about to start is released by that thread before it
- * runs anything. Does nothing while an earlier request is being carried out. Any thread; the
- * handle must not be used afterwards.
+ * runs anything. Does nothing while an earlier request is being carried out, nor in a forked child.
+ * Any thread; the handle must not be used afterwards.
  * @param poller from poller_create().
  * @return 0, or EINVAL for a null poller.
  */

@@ -1,10 +1,15 @@
 // What may go while it is in use: contexts, interfaces and requests. Meant for the sanitizers.
 #include "dm_msg_intf.h"
+#include "dm_udp.h"
 
 #include "support/framework.h"
 #include "support/platform_hooks.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <thread>
@@ -183,7 +188,7 @@ TEST(Lifetime, RequestsOfADeregisteredInterfaceEndQuietly) {
 }
 
 // The response comes, and the next request is made, while the first send has not returned; that
-// then fails and must not take what is at the same address by now.
+// then fails. The request has had its outcome, and what is at its address by now is another one.
 TEST(Lifetime, RequestAnsweredWhileItsSendFails) {
     Transport transport;
     Context context;
@@ -210,32 +215,222 @@ TEST(Lifetime, RequestAnsweredWhileItsSendFails) {
         EXPECT_TRUE(second.wait());
         return 1;
     };
-    DM_INTF_ST* intf = transport.add(context, "fake");
-    EXPECT_EQ(support::send(intf, "first", &on_first), DM_ERR_SEND);
+    EXPECT_EQ(support::send(transport.add(context, "fake"), "first", &on_first), 0);
     EXPECT_EQ(first.count(), 1);
     EXPECT_TRUE(support::eventually([&] { return list_size(context.get()->pending_list) == 0; }));
 }
 
-// A send that fails while the time-out of the same request runs.
-TEST(Lifetime, RequestTimesOutWhileItsSendFails) {
+// A time-out that falls due during the send waits for how that ends: it is reported with success,
+// though nothing else wakes the poll thread, and never with a failure or when the thread ends.
+TEST(Lifetime, RequestTimesOutDuringItsSend) {
+    enum class Outcome { success, failure, thread_ends };
+    for (const Outcome outcome : {Outcome::success, Outcome::failure, Outcome::thread_ends}) {
+        Transport transport;
+        transport.retry_cnt = 1;
+        transport.timeout_ms = 1;
+        const Context context;
+        int sends = 0;
+        Event resent;
+        std::atomic<bool> sent = false;
+        transport.timeout = [&] { EXPECT_TRUE(sent); };
+        transport.send = [&](DM_INTF_ST*, uint32_t, uint64_t) {
+            if (++sends > 1) {
+                resent.set();
+                return 0;
+            }
+            EXPECT_TRUE(resent.wait());
+            EXPECT_TRUE(context.pass()) << "the time-out was due with the re-send";
+            poller_timer_add(context.get()->poller, 100000, nullptr, nullptr, 1, nullptr);
+            if (outcome == Outcome::thread_ends)
+                pthread_exit(nullptr);
+            sent = outcome == Outcome::success;
+            return outcome == Outcome::success ? 0 : 1;
+        };
+        Event reported;
+        MsgFunction on_response = [&](DM_INTF_ST*, DM_MSG_ST*) { reported.set(); };
+        DM_INTF_ST* intf = transport.add(context, "fake");
+        std::atomic<int> result = -1;
+        std::thread([&] { result = support::send(intf, "x", &on_response); }).join();
+        EXPECT_EQ(result, outcome == Outcome::success   ? 0
+                          : outcome == Outcome::failure ? DM_ERR_SEND
+                                                        : -1);
+        if (outcome == Outcome::success)
+            EXPECT_TRUE(reported.wait());
+        else
+            EXPECT_EQ(dm_intf_deregister(intf), 0);
+        EXPECT_EQ(reported.count(), outcome == Outcome::success ? 1 : 0);
+        EXPECT_TRUE(
+            support::eventually([&] { return list_size(context.get()->pending_list) == 0; }));
+    }
+}
+
+// A close slot may look names up, remove another interface and use the poller, in a removal and
+// when the context goes; it runs on the removing thread, whoever else stands on the record.
+TEST(Lifetime, CloseSlotUsesTheContext) {
+    for (const bool by_destroy : {false, true}) {
+        Transport parent;
+        Transport child;
+        Transport other;
+        {
+            const Context context;
+            static DM_CB_ST* dm_cb;
+            static std::thread::id closer;
+            dm_cb = context.get();
+            DM_INTF_ST* intf = parent.add(context, "parent");
+            child.add(context, "child");
+            other.add(context, "other");
+            parent.wake();
+            intf->close = [](DM_INTF_ST* self) {
+                closer = std::this_thread::get_id();
+                EXPECT_EQ(dm_intf_deregister(dm_get_intf(dm_cb, "child", 6)), 0);
+                EXPECT_EQ(dm_get_intf(dm_cb, "child", 6), nullptr);
+                EXPECT_NE(dm_get_intf(dm_cb, "other", 6), nullptr);
+                EXPECT_EQ(poller_fd_remove(dm_cb->poller, 0, POLLIN), 0);
+                poller_timer_add(dm_cb->poller, 1, nullptr, nullptr, 1, nullptr);
+                EXPECT_EQ(self->dm_cb, dm_cb);
+                ++reinterpret_cast<Transport*>(self->reserved)->closed;
+                return 0;
+            };
+            if (!by_destroy) {
+                LIST_ITER_ST looker;
+                list_iter_init(dm_cb->intf_list, &looker);
+                while (list_to_item(list_iter_next(&looker)) != intf) {
+                }
+                std::thread remover([&] { EXPECT_EQ(dm_intf_deregister(intf), 0); });
+                const auto id = remover.get_id();
+                remover.join();
+                EXPECT_EQ(parent.closed, 1);
+                EXPECT_EQ(closer, id);
+                list_iter_destroy(&looker);
+            }
+        }
+        EXPECT_EQ(parent.closed, 1);
+        EXPECT_EQ(child.closed, 1);
+        EXPECT_EQ(other.closed, 1);
+    }
+}
+
+// Its slot still stands in the record then; the message that it gives is handled.
+TEST(Lifetime, InterfaceRemovedByItsOwnReceive) {
     Transport transport;
-    transport.retry_cnt = 0;
-    transport.timeout_ms = 1;
-    Event timed_out;
-    Event send_over;
-    transport.timeout = [&] {
-        timed_out.set();
-        EXPECT_TRUE(send_over.wait());
+    Context context;
+    Event handled;
+    MsgFunction handler = [&](DM_INTF_ST* intf, DM_MSG_ST*) {
+        EXPECT_STREQ(intf->name, "fake");
+        handled.set();
     };
-    transport.send = [&](DM_INTF_ST*, uint32_t, uint64_t) {
-        EXPECT_TRUE(timed_out.wait());
-        return 1;
+    context.on_request(handler);
+    transport.recv = [&](DM_INTF_ST* intf, DM_MSG_ST*) {
+        EXPECT_EQ(dm_intf_deregister(intf), 0);
+        EXPECT_EQ(transport.closed, 1);
+        return intf->fd == transport.fds[0] ? 0 : -1;
     };
-    MsgFunction never = [](DM_INTF_ST*, DM_MSG_ST*) { FAIL(); };
-    const Context context;
-    EXPECT_EQ(support::send(transport.add(context, "fake"), "x", &never), DM_ERR_SEND);
-    send_over.set();
-    EXPECT_TRUE(support::eventually([&] { return list_size(context.get()->pending_list) == 0; }));
+    transport.add(context, "fake");
+    transport.wake();
+    EXPECT_TRUE(handled.wait());
+}
+
+// However long the poll thread would sleep, a socket is closed when its interface is removed.
+TEST(Lifetime, PortIsFreeOnceItsInterfaceIsRemoved) {
+    Context context;
+    Event handled;
+    MsgFunction handler = [&](DM_INTF_ST*, DM_MSG_ST*) { handled.set(); };
+    context.on_request(handler);
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    DM_ADDR_ST addr{DM_KIND_UDP, DM_FAMILY_UDP, {}, 0, {}};
+    std::memcpy(addr.sa, &sa, sizeof(sa));
+    DM_INTF_ST* intf = nullptr;
+    ASSERT_EQ(dm_udp_init(&intf, context.get(), nullptr, &addr, nullptr, 0), 0);
+    socklen_t len = sizeof(sa);
+    ASSERT_EQ(getsockname(intf->fd, reinterpret_cast<sockaddr*>(&sa), &len), 0);
+    std::memcpy(addr.sa, &sa, sizeof(sa));
+    poller_timer_add(context.get()->poller, 100000, nullptr, nullptr, 1, nullptr);
+    ASSERT_EQ(support::send(context.selfloop(), "x"), 0);
+    ASSERT_TRUE(handled.wait()) << "the long wait begins behind that";
+    EXPECT_EQ(dm_intf_deregister(intf), 0);
+    EXPECT_EQ(dm_udp_init(nullptr, context.get(), nullptr, &addr, nullptr, 0), 0);
+}
+
+// Cancelling a thread ends it behind the call, not in it.
+TEST(Lifetime, CancelledCallsAreFinished) {
+    Transport transport;
+    Context context;
+    Event entered;
+    Event cancelled;
+    transport.recv = [&](DM_INTF_ST*, DM_MSG_ST*) {
+        entered.set();
+        EXPECT_TRUE(cancelled.wait());
+        return -1;
+    };
+    const auto run_cancelled = [](Event& under_way, const std::function<void()>& call) {
+        std::thread thread([&] {
+            under_way.set();
+            call();
+            pthread_testcancel();
+            ADD_FAILURE();
+        });
+        under_way.wait();
+        pthread_cancel(thread.native_handle());
+        thread.join();
+    };
+    DM_INTF_ST* intf = transport.add(context, "fake");
+    transport.wake();
+    ASSERT_TRUE(entered.wait());
+    Event removing;
+    std::thread releaser([&] {
+        EXPECT_TRUE(removing.wait());
+        cancelled.set();
+    });
+    run_cancelled(removing, [&] { EXPECT_EQ(dm_intf_deregister(intf), 0); });
+    EXPECT_EQ(transport.closed, 1);
+    releaser.join();
+    transport.recv = [](DM_INTF_ST*, DM_MSG_ST*) { return -1; };
+    transport.add(context, "fake");
+    Event destroying;
+    run_cancelled(destroying, [dm_cb = context.release()] { dm_destroy(dm_cb); });
+    EXPECT_EQ(transport.closed, 2);
+}
+
+// A handler that ends the poll thread leaves a context that can be released.
+TEST(Lifetime, PollThreadEndedByAHandler) {
+    Transport transport;
+    {
+        Context context;
+        Event entered;
+        MsgFunction handler = [&](DM_INTF_ST*, DM_MSG_ST*) {
+            entered.set();
+            pthread_exit(nullptr);
+        };
+        context.on_request(handler);
+        transport.add(context, "fake");
+        ASSERT_EQ(support::send(context.selfloop(), "x"), 0);
+        ASSERT_TRUE(entered.wait());
+        EXPECT_TRUE(support::eventually(
+            [&] { return std::atomic_ref(context.get()->poller->state).load() == POLLER_IDLE; }));
+    }
+    EXPECT_EQ(transport.closed, 1);
+}
+
+TEST(Lifetime, ForkedChildLeavesTheContextAlone) {
+    Transport transport;
+    Context context;
+    transport.add(context, "fake");
+    const pid_t child = fork();
+    if (child == 0) {
+        dm_destroy(context.get());
+        poller_destory(context.get()->poller);
+        _exit(transport.closed);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    Event handled;
+    MsgFunction handler = [&](DM_INTF_ST*, DM_MSG_ST*) { handled.set(); };
+    context.on_request(handler);
+    EXPECT_EQ(support::send(context.selfloop(), "x"), 0);
+    EXPECT_TRUE(handled.wait());
 }
 
 // Destroyed by another thread before the poll thread has begun: nobody waits for it.

@@ -51,6 +51,16 @@ protected:
 
 using Ints = std::vector<int>;
 
+TEST_F(List, IsUsableWhileItIsDestroyed) {
+    static LIST_ST* list;
+    static std::vector<Ints> left;
+    ASSERT_EQ(list_create(&list, nullptr, [](void*) { left.push_back(items(list)); }), 0);
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(list_append(list, &values[i]), 0);
+    list_destroy(list);
+    EXPECT_EQ(left, (std::vector<Ints>{{1, 2}, {2}, {}}));
+}
+
 TEST_F(List, KeepsPositions) {
     EXPECT_EQ(list_insert_pos(list_, &values[1], 0), 0);
     EXPECT_EQ(list_insert_pos(list_, &values[0], -1), 0);

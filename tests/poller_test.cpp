@@ -3,6 +3,7 @@
 #include "support/framework.h"
 #include "support/platform_hooks.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -30,6 +31,11 @@ int call_timer(uint32_t interval_ms, int32_t elapsed_ms, void* user_data, uint32
     (**static_cast<TimerFunction**>(user_data))(interval_ms, elapsed_ms);
     return 0;
 }
+
+// While it fails, poll() fails for more than one descriptor; counted are these and the others.
+std::atomic<bool> poll_fails = false;
+std::atomic<int> failing_polls = 0;
+std::atomic<int> polls_of_one = 0;
 
 class PollerTest : public testing::Test {
 protected:
@@ -229,6 +235,49 @@ TEST_F(PollerTest, ExitFollowedByDestroyReleases) {
     await_release();
 }
 
+// The request ends a long wait all the same.
+TEST_F(PollerTest, DestroyedWithoutANotice) {
+    TimerFunction never = [](uint32_t, int32_t) { FAIL(); };
+    ASSERT_EQ(add_timer(never, 100000), 0);
+    run();
+    support::on_write_file = [](int, const void*, uint32_t) {
+        errno = EIO;
+        return -1;
+    };
+    destroy();
+    support::on_write_file = nullptr;
+}
+
+// While poll() keeps failing, the loop waits for notices in between, gets rid of what was removed,
+// and can be ended.
+TEST_F(PollerTest, SurvivesAFailingPoll) {
+    FdFunction unused;
+    ASSERT_EQ(add_fd(unused, pipe_[0]), 0);
+    run();
+    failing_polls = 0;
+    polls_of_one = 0;
+    poll_fails = true;
+    EXPECT_TRUE(support::eventually([] { return failing_polls >= 4; }));
+    EXPECT_GE(polls_of_one, failing_polls - 2);
+    EXPECT_GE(support::logged('E', "do poll failed, ret = -1, errno:5\n"), 1);
+    EXPECT_EQ(poller_fd_remove(poller_, pipe_[0], POLLIN), 0);
+    EXPECT_TRUE(support::eventually([&] { return list_size(poller_->fd_list) == 1; }));
+    ASSERT_EQ(add_fd(unused, pipe_[0]), 0);
+    destroy();
+    poll_fails = false;
+}
+
+// A callback that ends its thread leaves an idle poller.
+TEST_F(PollerTest, CallbackEndsTheThread) {
+    TimerFunction end = [](uint32_t, int32_t) { pthread_exit(nullptr); };
+    ASSERT_EQ(add_timer(end, 0), 0);
+    ASSERT_EQ(poller_run(poller_), 0);
+    EXPECT_TRUE(support::eventually([&] { return list_is_empty(poller_->timer_list) == 1; }));
+    EXPECT_TRUE(reaches(POLLER_IDLE));
+    run();
+    destroy();
+}
+
 TEST_F(PollerTest, DestroyedBeforeItsThreadBegins) {
     const auto begin = support::hold_next_task();
     ASSERT_EQ(poller_run(poller_), 0);
@@ -296,6 +345,19 @@ TEST_F(PollerTest, PassWithoutAnArrayDispatchesNothing) {
     }
     EXPECT_EQ(support::logged('E', "malloc fail. errno=12."), 1);
 }
+
+} // namespace
+
+extern "C" int poll(pollfd* fds, nfds_t count, int timeout) {
+    static auto* const real = reinterpret_cast<decltype(&poll)>(dlsym(RTLD_NEXT, "poll"));
+    if (!poll_fails)
+        return real(fds, count, timeout);
+    ++(count > 1 ? failing_polls : polls_of_one);
+    errno = EIO;
+    return count > 1 ? -1 : real(fds, count, timeout);
+}
+
+namespace {
 
 TEST(PollerTime, CarriesAndBorrows) {
     const POLLER_TIME_ST base{10, 999000000};

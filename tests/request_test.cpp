@@ -72,6 +72,41 @@ TEST_F(Request, LateAnswerIsForNoLaterRequest) {
         intf = add(-1, 0);
     }
     EXPECT_EQ(identities.size(), 2U * rounds);
+    // Nor one that may be answered twice.
+    identities.clear();
+    transport_.recv = [&](DM_INTF_ST*, DM_MSG_ST* msg) {
+        msg->type = DM_MSG_RSP;
+        msg->req_id = req_id_;
+        return 0;
+    };
+    transport_.wake();
+    for (int round = 1; round <= 256; ++round) {
+        const int before = response_.count();
+        EXPECT_EQ(support::send(intf, "anybody?", &on_response_), 0);
+        identities.insert(req_id_);
+        ASSERT_TRUE(response_.wait(before + 1));
+    }
+    EXPECT_EQ(identities.size(), 256U);
+}
+
+// More time-outs at a time than the self-loop takes: each is reported, in their order.
+TEST_F(Request, ManyTimeOutTogether) {
+    constexpr int count = 500;
+    DM_INTF_ST* intf = add(0, 30);
+    std::vector<uint64_t> sent;
+    std::vector<uint64_t> answered;
+    on_response_ = [&](DM_INTF_ST*, DM_MSG_ST* msg) {
+        answered.push_back(msg->req_id);
+        response_.set();
+    };
+    const std::string text(1000, 'x');
+    for (int i = 0; i < count; ++i) {
+        EXPECT_EQ(support::send(intf, text, &on_response_), 0);
+        sent.push_back(req_id_);
+    }
+    ASSERT_TRUE(response_.wait(count));
+    EXPECT_EQ(answered, sent);
+    EXPECT_GT(support::logged('E', "__selfloop_send: write fail.errno=11\n"), 0);
 }
 
 TEST_F(Request, IsSentOnceMoreThanItIsRetried) {

@@ -3,16 +3,22 @@
 #define DM_MSG_PRIVATE_H
 
 #include "base/atomic_field.h"
+#include "base/log.h"
 #include "base/memory.h"
 #include "dm_msg_intf.h"
 #include "platform_bounds.h"
 
 #include <cstring>
 
-// Registers a record for a transport's init function and gives its address in *out, which may be
+// Registers a record for a transport's init function and gives its address in `out`, which may be
 // null. The record is the context's afterwards, whatever this returns: one that is refused has been
-// released without a call of its close slot. What it refers to is still the caller's to close then.
+// released without a call of its close slot, and what it refers to is still the caller's to close.
 int __dm_intf_register(DM_CB_ST* dm_cb, dm::Owned<DM_INTF_ST> intf, DM_INTF_ST** out);
+
+// Makes the framework's copy of a caller's user data. The lines of a failure are the site's:
+// `copy_failed` is the one for a failed copy.
+int __dm_copy_user_data(void** copy, const void* user_data, size_t len, dm::CopyFunction copy_s,
+                        const char* copy_failed, const dm::LogSite& site);
 
 // Copies a payload with the given bounds-checked function; an empty one needs no bytes to point at.
 // Gives a status.

@@ -1,0 +1,142 @@
+// Requests that wait for their response, with their time-outs.
+#ifndef DM_PENDING_REQUESTS_H
+#define DM_PENDING_REQUESTS_H
+
+#include "dm_msg_intf.h"
+
+#include <array>
+#include <condition_variable>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+
+namespace dm {
+
+class PendingRequests;
+
+// A request that waits for its response. Its address is the request's identity on the wire.
+//
+// Each of these holds a reference: the pending list, the armed timer, the sender while it sends,
+// the poll thread while it handles a time-out or a response, the queue of time-outs that wait for
+// room in the self-loop, and the memory of ended requests.
+struct PENDING_REQ_ST {
+    DM_INTF_ST* intf;
+    DM_ADDR_ST addr;
+    uint32_t addr_len;
+    DM_DATA_ST data; // points at buf
+    uint8_t buf[DM_MAX_DATA_LEN];
+    DM_MSG_HANDLER rsp_cb;
+    void* user_data;
+    uint32_t user_data_len;
+    int32_t retry_left;           // negative: no timer
+    POLLER_TIMER_ENTRY_ST* timer; // null while no timer is armed
+
+    PendingRequests* requests; // stays valid when the interface is gone
+    uint32_t refs;
+
+    // Guarded by the lock of `requests`.
+    bool sending;   // its sender is inside send_msg: how that ends is the request's outcome
+    bool timed_out; // while its sender was: reported once the send has succeeded
+    bool answered;  // its callback runs or has run
+    bool ended;     // answered, failed, or its interface is gone: nothing of it happens any more
+
+    PENDING_REQ_ST* next; // in the queue of time-outs that wait for room
+};
+
+struct PendingUnref {
+    void operator()(PENDING_REQ_ST* req) const;
+};
+
+using PendingRef = std::unique_ptr<PENDING_REQ_ST, PendingUnref>;
+
+// The requests of a context.
+//
+// A request has one outcome: its sender gets 0 and the callback is called once, or the sender gets
+// an error and it is never called. Where the interface or the context goes first, or the sender's
+// thread is cancelled, it is not called either.
+class PendingRequests {
+public:
+    explicit PendingRequests(DM_CB_ST* dm_cb) : dm_cb_(dm_cb) {}
+    PendingRequests(const PendingRequests&) = delete;
+    PendingRequests& operator=(const PendingRequests&) = delete;
+    ~PendingRequests();
+
+    // What dm_send_req() does, with its results, for arguments that are there.
+    int send(DM_INTF_ST* intf, DM_ADDR_ST* addr, uint32_t addr_len, DM_DATA_ST* data,
+             DM_MSG_HANDLER rsp_cb, const void* user_data, uint32_t user_data_len);
+
+    // On the poll thread: gives a response that came on `intf` to its request. Responses to unknown
+    // requests (late, doubled or never asked for) are ignored.
+    void answer(DM_INTF_ST* intf, DM_MSG_ST* msg);
+
+    // On the poll thread, due when it has read from the self-loop: time-outs that found no room
+    // there take the one that the reading made.
+    void hand_over();
+
+    // An interface goes: its requests end without a callback.
+    void end_those_of(const DM_INTF_ST* intf);
+    // Waits until the poll thread has done with the interface's requests. Not on that thread.
+    void await_service_of(const DM_INTF_ST* intf);
+
+    // No callback begins any more.
+    void stop();
+
+private:
+    class Sender;
+    class Service;
+
+    int add(DM_INTF_ST* intf, DM_ADDR_ST* addr, uint32_t addr_len, const DM_DATA_ST* data,
+            DM_MSG_HANDLER rsp_cb, const void* user_data, uint32_t user_data_len, PendingRef& made);
+    int publish(PENDING_REQ_ST* req);
+    int arm_timer(PENDING_REQ_ST* req, uint32_t period_ms);
+    bool end(PENDING_REQ_ST* req);
+    void remove(PENDING_REQ_ST* req);
+    bool has_ended(const PENDING_REQ_ST* req);
+    PendingRef find(uint64_t req_id);
+
+    static int on_timer(uint32_t period_ms, int32_t elapsed_ms, void* user_data, uint32_t len);
+    bool resend(PENDING_REQ_ST* req, uint32_t period_ms);
+    void report(PENDING_REQ_ST* req);
+    int send_through_selfloop(PENDING_REQ_ST* req, DM_DATA_ST* response);
+    int send_via(DM_INTF_ST* selfloop, const LIST_NODE_ST* node, PENDING_REQ_ST* req,
+                 DM_DATA_ST* response);
+    void enqueue(PENDING_REQ_ST* req, const DM_DATA_ST& response);
+    PendingRef dequeue();
+    void look_again_soon();
+    static int on_look_again(uint32_t period_ms, int32_t elapsed_ms, void* user_data, uint32_t len);
+
+    // An answer that comes after its request has ended (late, or doubled on its way) must not be
+    // taken for that of another request at the same address. So the memory of a request is not
+    // given to another one before as many others have ended as there is room here.
+    class Ended {
+    public:
+        void keep(PENDING_REQ_ST* req);
+
+    private:
+        std::array<PendingRef, 256> requests_;
+        std::size_t next_ = 0;
+    };
+
+    DM_CB_ST* dm_cb_;
+
+    // Guards what follows up to `ended_`, and of every request its state.
+    std::mutex lock_;
+    std::condition_variable service_ended_;
+    const PENDING_REQ_ST* serving_ = nullptr; // the request that is timed out or answered just now
+    const DM_INTF_ST* via_ = nullptr;         // the self-loop while a time-out is sent through it
+    bool stopped_ = false;
+    Ended ended_;
+
+    // Time-outs that wait for room in the self-loop, in their order. The poll thread's own.
+    PENDING_REQ_ST* first_waiting_ = nullptr;
+    PENDING_REQ_ST* last_waiting_ = nullptr;
+    bool looks_again_ = false; // a timer is armed for them
+};
+
+// The callbacks of the pending list.
+int __dm_pending_cmp(const void* item, const void* key);
+void __dm_pending_free(void* item);
+
+} // namespace dm
+
+#endif
