@@ -114,9 +114,8 @@ int __dm_recv(int fd, int events, void* user_data, uint32_t /*user_data_len*/) {
     if (context->destroyed)
         return 0;
     const CallbackScope scope(context);
-    const bool is_selfloop = __dm_has_name(intf, kSelfloopName);
     __receive(context, intf, fd, events);
-    if (is_selfloop)
+    if (__dm_has_name(intf, kSelfloopName))
         context->requests.hand_over();
     return 0;
 }
@@ -133,10 +132,10 @@ void __release_later(Context* context, ListWalk& walk) {
     }
 }
 
-// Removes the interface that the walk stands on, with all that refers to it, and closes it. The
-// record lives until the walk ends: the node is marked and no longer found, but stays.
+// Ends what refers to the interface that the walk stands on and that is not watched any more, and
+// closes it. The record lives until the walk ends: the node is marked and no longer found, but
+// stays.
 void __retire(Context* context, ListWalk& walk, DM_INTF_ST* intf) {
-    __poller_fd_remove_and_wait(context->poller, intf->fd, POLLIN);
     context->requests.end_those_of(intf);
     const bool is_poll_thread = __poller_is_current(context->poller);
     if (!is_poll_thread)
@@ -148,18 +147,21 @@ void __retire(Context* context, ListWalk& walk, DM_INTF_ST* intf) {
         __release_later(context, walk);
 }
 
-// Removes the first interface of that name; gives its address, which is dead, or null.
-const DM_INTF_ST* __retire_first(Context* context, const char* name) {
+// Removes the first interface of the record's name, which may be an older twin of it. The record
+// itself is not watched any more.
+void __retire_first(Context* context, const DM_INTF_ST* record) {
     ListWalk walk(context->intf_list);
     DM_INTF_ST* intf = nullptr;
     {
         const std::lock_guard lock(context->registry);
-        intf = dm::find_intf(walk, name);
+        intf = dm::find_intf(walk, record->name);
         list_remove(context->intf_list, walk.node());
     }
-    if (intf != nullptr)
-        __retire(context, walk, intf);
-    return intf;
+    if (intf == nullptr)
+        return;
+    if (intf != record)
+        __poller_fd_remove_and_wait(context->poller, intf->fd, POLLIN);
+    __retire(context, walk, intf);
 }
 
 // Removes this very record, without a call of its close slot.
@@ -375,7 +377,7 @@ int dm_intf_register(DM_CB_ST* dm_cb, DM_INTF_ST* intf) {
     const int status = __list_record(dm_cb, intf, &is_listed);
     // The removal goes by name: of two records of one name the older one goes.
     if (is_listed && status != 0)
-        __retire_first(dm::context_of(dm_cb), intf->name);
+        __retire_first(dm::context_of(dm_cb), intf);
     return status;
 }
 
@@ -389,7 +391,7 @@ int dm_intf_deregister(DM_INTF_ST* intf) {
     if (const int status = __poller_fd_remove_and_wait(dm_cb->poller, intf->fd, POLLIN);
         status != 0)
         return status;
-    __retire_first(dm::context_of(dm_cb), intf->name);
+    __retire_first(dm::context_of(dm_cb), intf);
     return 0;
 }
 
