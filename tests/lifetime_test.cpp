@@ -229,7 +229,7 @@ TEST(Lifetime, RequestTimesOutDuringItsSend) {
         transport.retry_cnt = 1;
         transport.timeout_ms = 1;
         const Context context;
-        int sends = 0;
+        std::atomic<int> sends = 0;
         Event resent;
         std::atomic<bool> sent = false;
         transport.timeout = [&] { EXPECT_TRUE(sent); };

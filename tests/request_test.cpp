@@ -74,12 +74,14 @@ TEST_F(Request, LateAnswerIsForNoLaterRequest) {
     EXPECT_EQ(identities.size(), 2U * rounds);
     // Nor one that may be answered twice.
     identities.clear();
+    dm_intf_deregister(intf);
     transport_.recv = [&](DM_INTF_ST*, DM_MSG_ST* msg) {
         msg->type = DM_MSG_RSP;
         msg->req_id = req_id_;
         return 0;
     };
     transport_.wake();
+    intf = add(-1, 0);
     for (int round = 1; round <= 256; ++round) {
         const int before = response_.count();
         EXPECT_EQ(support::send(intf, "anybody?", &on_response_), 0);
