@@ -13,7 +13,6 @@
 
 namespace {
 
-using support::Call;
 using support::Context;
 using support::Event;
 using support::MsgFunction;
@@ -59,6 +58,10 @@ TEST_F(Loop, CarriesTheLargestMessage) {
     DM_DATA_ST too_long{DM_MAX_DATA_LEN + 1, buffer_};
     EXPECT_EQ(intf_->send_msg_ex(intf_, 0, &addr, 40, &too_long, 1, 2, 7), 22);
     EXPECT_EQ(support::logged('E', "msg->data_len too long.msg->data_len=4097\n"), 1);
+    DM_DATA_ST data{1, buffer_};
+    const int wfd = std::exchange(intf_->wfd, -1);
+    EXPECT_EQ(intf_->send_msg(intf_, 0, &addr, 40, &data, 7), EBADF) << "the record's own is used";
+    intf_->wfd = wfd;
 }
 
 TEST_F(Loop, RefusesMalformedFrames) {
@@ -70,7 +73,7 @@ TEST_F(Loop, RefusesMalformedFrames) {
     EXPECT_EQ(msg_.type, 0U);
     EXPECT_EQ(receive(&frame, 59, &msg_), -1);
     EXPECT_EQ(receive(&frame, 64, &msg_), -1);
-    EXPECT_EQ(support::logged('W', "Drv_check:tmp->data_len == ret\n"), 1);
+    EXPECT_EQ(support::logged('W', "Drv_check:tmp->data_len == ret\n", "__selfloop_recv"), 1);
     ASSERT_EQ(receive(&frame, 65, &msg_), 0);
     EXPECT_EQ(support::text_of(&msg_), "hello");
     EXPECT_EQ(msg_.addr_len, 6U);
@@ -82,7 +85,7 @@ TEST_F(Loop, RefusesMalformedFrames) {
     frame.data_len = 0;
     support::skip_log_interval();
     EXPECT_EQ(receive(&frame, 60, &msg_), -1);
-    EXPECT_EQ(support::logged('E', "__selfloop_recv: msg->data_len too long=0\r\n"), 1);
+    EXPECT_EQ(support::logged('E', "msg->data_len too long=0\r\n", "__selfloop_recv"), 1);
 }
 
 TEST_F(Loop, ChecksItsArguments) {
@@ -91,7 +94,6 @@ TEST_F(Loop, ChecksItsArguments) {
     addr.kind = 98;
     addr.family = 1;
     EXPECT_EQ(selfloop_init(nullptr, context_.get(), &addr, "other", 6), 22);
-    EXPECT_EQ(selfloop_init(nullptr, context_.get(), nullptr, nullptr, 0), 16);
     addr.kind = 97;
     DM_INTF_ST* other = nullptr;
     const std::string name(40, 'n');
@@ -101,34 +103,6 @@ TEST_F(Loop, ChecksItsArguments) {
     EXPECT_EQ(dm_intf_deregister(other), 0);
     for (const int fd : fds)
         EXPECT_EQ(close(fd), 0) << "another name keeps its pipe open";
-}
-
-TEST_F(Loop, FailedInitLeavesNothing) {
-    const int before = dup(0);
-    close(before);
-    for (const char* name : {"selfloop", "other"}) {
-        EXPECT_EQ(dm_intf_deregister(context_.selfloop()), 0) << "or a name that nobody has";
-        for (const Call call : {Call::malloc, Call::memset_s, Call::memmove_s, Call::strncpy_s})
-            EXPECT_GT(support::fail_each(call,
-                                         [&] {
-                                             DM_INTF_ST* made = nullptr;
-                                             if (selfloop_init(&made, context_.get(), nullptr, name,
-                                                               0) != 0) {
-                                                 EXPECT_EQ(made, nullptr);
-                                                 return;
-                                             }
-                                             const int fds[] = {made->fd, made->wfd};
-                                             dm_intf_deregister(made);
-                                             for (const int fd : fds)
-                                                 close(fd);
-                                         }),
-                      0);
-        ASSERT_EQ(selfloop_init(nullptr, context_.get(), nullptr, nullptr, 0), 0);
-    }
-    EXPECT_EQ(dm_intf_deregister(context_.selfloop()), 0);
-    const int now = dup(0);
-    close(now);
-    EXPECT_EQ(now, before - 2) << "the first self-loop's pipe is closed, and nothing is left open";
 }
 
 // Several threads fill the pipe while the poll thread is held up. Large frames are taken in part:
@@ -201,13 +175,26 @@ TEST_F(Loop, PartTakenGoesOutAheadOfTheNextFrame) {
     context_.on_request(handler);
     const int wfd = intf_->wfd;
     std::atomic<uint32_t> taken = 0;
+    std::atomic<bool> cancel = true;
     support::on_write_file = [&](int fd, const void* buffer, uint32_t size) -> int64_t {
         const uint32_t part = fd == wfd ? taken.exchange(0) : 0;
-        return write(fd, buffer, part != 0 ? part : size);
+        const int64_t written = write(fd, buffer, part != 0 ? part : size);
+        if (part != 0 && cancel.exchange(false)) {
+            pthread_cancel(pthread_self());
+            pthread_testcancel();
+        }
+        return written;
     };
     intf_->set_retry(intf_, -1, 0);
     taken = 30;
-    EXPECT_EQ(support::send(intf_, "first"), 0);
+    // A sender that is cancelled in the write leaves a whole frame, too.
+    pthread_t sender;
+    const auto send_first = [](void* intf) -> void* {
+        support::send(static_cast<DM_INTF_ST*>(intf), "first");
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&sender, nullptr, send_first, intf_), 0);
+    pthread_join(sender, nullptr);
     EXPECT_EQ(support::send(intf_, "second"), 0);
     EXPECT_TRUE(event.wait(2));
     // No other frame pushes the data: the reader itself has to.
