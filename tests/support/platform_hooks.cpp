@@ -172,19 +172,15 @@ NOT_INSTRUMENTED void* malloc(size_t size) {
     return __interceptor_malloc != nullptr ? __interceptor_malloc(size) : __libc_malloc(size);
 }
 
-#define DEFINE_BOUNDED(name, parameters, ...)                                    \
-    int name parameters {                                                        \
-        static auto* const real = support::next(#name, &name);                   \
-        return fails(Call::name) ? support::kInjectedStatus : real(__VA_ARGS__); \
+#define DEFINE_BOUNDED(name, Dest, Arg)                                                     \
+    int name(Dest dest, size_t size, Arg arg, size_t count) {                               \
+        static auto* const real = support::next(#name, &name);                              \
+        return fails(Call::name) ? support::kInjectedStatus : real(dest, size, arg, count); \
     }
-DEFINE_BOUNDED(memset_s, (void* dest, size_t size, int value, size_t count), dest, size, value,
-               count)
-DEFINE_BOUNDED(memcpy_s, (void* dest, size_t size, const void* src, size_t count), dest, size, src,
-               count)
-DEFINE_BOUNDED(memmove_s, (void* dest, size_t size, const void* src, size_t count), dest, size, src,
-               count)
-DEFINE_BOUNDED(strncpy_s, (char* dest, size_t size, const char* src, size_t count), dest, size, src,
-               count)
+DEFINE_BOUNDED(memset_s, void*, int)
+DEFINE_BOUNDED(memcpy_s, void*, const void*)
+DEFINE_BOUNDED(memmove_s, void*, const void*)
+DEFINE_BOUNDED(strncpy_s, char*, const char*)
 
 int mmCreateTask(MM_THREAD* thread, const MM_USER_BLOCK_ST* block) {
     static auto* const real = support::next("mmCreateTask", &mmCreateTask);
