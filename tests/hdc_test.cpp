@@ -21,12 +21,6 @@ using support::MsgFunction;
 
 const std::atomic_ref run(g_dm_hdc_run);
 
-DM_ADDR_ST addr_of(const DM_HDC_ADDR_ST& hdc) {
-    DM_ADDR_ST addr;
-    std::memcpy(&addr, &hdc, sizeof(addr));
-    return addr;
-}
-
 // A message as a peer sends it; it may lie about its length.
 std::string frame(const std::string& text, int announced = -1) {
     const size_t size = announced < 0 ? text.size() : static_cast<size_t>(announced);
@@ -48,16 +42,15 @@ protected:
         hal.reset();
     }
     int init(uint32_t role, uint32_t number = 3, uint32_t kind = 99, int32_t opt_len = 31) {
-        DM_ADDR_ST addr = addr_of({kind, DM_FAMILY_HDC, 0, role, 0, 21, 0, 0, number, 0});
-        return dm_hdc_init(&intf_, context_->get(), nullptr, &addr, "", opt_len);
+        DM_HDC_ADDR_ST addr{kind, DM_FAMILY_HDC, 0, role, 0, 21, 0, 0, number, 0};
+        auto* own = reinterpret_cast<DM_ADDR_ST*>(&addr);
+        return dm_hdc_init(&intf_, context_->get(), nullptr, own, "", opt_len);
     }
     int send(DM_HDC_ADDR_ST& to, size_t size = 4) {
         std::string text(size, 'x');
         DM_DATA_ST data{static_cast<uint16_t>(size), text.data()};
-        DM_ADDR_ST addr = addr_of(to);
-        const int status = intf_->send_msg_ex(intf_, DM_MSG_RSP, &addr, 40, &data, 1, 2, 77);
-        std::memcpy(&to, &addr, sizeof(to));
-        return status;
+        auto* addr = reinterpret_cast<DM_ADDR_ST*>(&to);
+        return intf_->send_msg_ex(intf_, DM_MSG_RSP, addr, 40, &data, 1, 2, 77);
     }
     // Lets messages come, a session each, and looks at what the handler gets. It may hold up the
     // poll thread, from the first one until the last one is there.
@@ -170,23 +163,14 @@ TEST_F(Hdc, MessageTellsWhereItCameFrom) {
     DM_ADDR_ST addr{};
     char buffer[DM_MAX_DATA_LEN]{};
     DM_MSG_ST msg{};
-    const auto receive = [&](const std::string& text, int announced = -1,
-                             uint16_t capacity = 4096) {
-        std::memset(buffer, 'z', sizeof(buffer));
+    const auto receive = [&](const std::string& bytes, uint16_t capacity = 4096) {
         msg = {9, 9, 9, 9, &addr, 40, 0, {capacity, buffer}};
-        return support::receive(intf_, frame(text, announced), &msg);
-    };
-    const auto word_of = [&](size_t size, uint16_t capacity) {
-        EXPECT_EQ(receive(std::string(size, 'x'), -1, capacity), 0);
-        EXPECT_EQ(msg.data.data_len, std::min<size_t>(size, capacity));
-        int32_t word;
-        std::memcpy(&word, buffer + 8, sizeof(word));
-        return word;
+        return support::receive(intf_, bytes, &msg);
     };
     for (const uint32_t role : {0U, 2U, 1U}) {
         ASSERT_EQ(init(role, 10 + role), 0);
-        EXPECT_EQ(receive("x"), 0);
-        const DM_ADDR_ST src = addr_of({99, 3, 0, role == 0 ? 1U : 0U, 22, 21, 1, ~0ULL, 0, 0});
+        EXPECT_EQ(receive(frame("x")), 0);
+        const DM_HDC_ADDR_ST src{99, 3, 0, role == 0 ? 1U : 0U, 22, 21, 1, ~0ULL, 0, 0};
         EXPECT_EQ(std::memcmp(&addr, &src, sizeof(src)), 0);
         EXPECT_EQ(msg.addr_len, 40U);
         EXPECT_EQ(msg.src_id, 10 + role);
@@ -194,16 +178,20 @@ TEST_F(Hdc, MessageTellsWhereItCameFrom) {
     }
     for (const auto& [run_env, type] : {std::pair(2, 2), {3, 0}, {4, 2}, {5, -1}, {1, 1}}) {
         hal.run_env = run_env;
-        EXPECT_EQ(receive("x"), type < 0 ? -1 : 0);
+        EXPECT_EQ(receive(frame("x")), type < 0 ? -1 : 0);
         EXPECT_TRUE(type < 0 || msg.src_type == type);
     }
-    EXPECT_EQ(word_of(10, 4096), 0);
-    EXPECT_EQ(word_of(40, 4096), 28);
-    EXPECT_EQ(word_of(40, 12), 0);
-    EXPECT_EQ(word_of(40, 11), 0x7a787878) << "there is no room for it";
-    EXPECT_EQ(receive("x", 2), -1);
+    // Of the payload's size, and of the room for it.
+    for (const auto& [size, capacity, word] :
+         {std::tuple(10, 4096, 0), {40, 4096, 28}, {40, 12, 0}, {40, 11, 0x7a787878}}) {
+        std::memset(buffer, 'z', sizeof(buffer));
+        EXPECT_EQ(receive(frame(std::string(size, 'x')), static_cast<uint16_t>(capacity)), 0);
+        EXPECT_EQ(msg.data.data_len, std::min(size, capacity));
+        EXPECT_EQ(std::memcmp(buffer + 8, &word, sizeof(word)), 0);
+    }
+    EXPECT_EQ(receive(frame("x", 2)), -1);
     support::skip_log_interval();
-    EXPECT_EQ(receive("", 4097), -1);
+    EXPECT_EQ(receive(frame("", 4097)), -1);
     EXPECT_EQ(support::logged('E', "msg->data_len too long=4097\n", "__dm_hdc_recv"), 1);
 }
 

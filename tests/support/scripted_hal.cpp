@@ -13,9 +13,21 @@ struct HAL_HDC_MSG {
 
 namespace support {
 
+namespace {
+size_t occurrences(const std::string& text, const std::string& word) {
+    size_t times = 0;
+    for (size_t at = 0; (at = text.find(word, at)) != std::string::npos; ++at)
+        ++times;
+    return times;
+}
+} // namespace
+
 Hal hal;
 
-// Allocates nothing, for the test may let that fail.
+Hal::Hal() {
+    calls.reserve(10000); // a call allocates nothing: the test may let that fail
+}
+
 int Hal::call(const char* name) {
     const std::lock_guard guard(lock);
     calls.append(name).append(" ");
@@ -23,16 +35,15 @@ int Hal::call(const char* name) {
     return code.contains(name) ? code[name] : 0;
 }
 
-size_t Hal::count(const std::string& name) const {
-    size_t times = 0;
-    for (size_t at = 0; (at = calls.find(name + " ", at)) != std::string::npos; ++at)
-        ++times;
-    return times;
+size_t Hal::count(const std::string& name) {
+    const std::lock_guard guard(lock);
+    return occurrences(calls, name + " ");
 }
 
 bool Hal::called(const std::string& name, size_t times) {
     std::unique_lock guard(lock);
-    return changed.wait_for(guard, std::chrono::seconds(30), [&] { return count(name) >= times; });
+    return changed.wait_for(guard, std::chrono::seconds(30),
+                            [&] { return occurrences(calls, name + " ") >= times; });
 }
 
 std::string Hal::trace() {
@@ -52,7 +63,6 @@ void Hal::reset() {
     change([this] {
         ++server;
         calls.clear();
-        calls.reserve(10000);
         code.clear();
     });
 }

@@ -26,8 +26,9 @@ struct Hal {
     int length = -1;        // of that message, or the room for one that is received
     std::string calls;      // each with a blank behind it
 
+    Hal();
     int call(const char* name);
-    size_t count(const std::string& name) const;
+    size_t count(const std::string& name);
     // Waits until it was called so often. Ends after 30 s, with false.
     bool called(const std::string& name, size_t times = 1);
     // The calls since the last time.
