@@ -7,8 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
-
 namespace {
 
 class Log : public testing::Test {
@@ -19,30 +17,19 @@ protected:
     }
 };
 
-// The captured lines of that level, with "#" for the line's number.
-std::vector<std::string> lines_of(char level) {
-    std::vector<std::string> texts;
-    for (const auto& line : support::log_lines()) {
-        const size_t colon = line.text.find(':') + 1;
-        const std::regex number(line.text.substr(colon, line.text.find(']') - colon) + "\\]");
-        if (line.level == level)
-            texts.push_back(std::regex_replace(line.text, number, "#]"));
-    }
-    return texts;
-}
-
 TEST_F(Log, LinesNameTheirPlaceRelativeToTheRepository) {
     EXPECT_EQ(dm_init(nullptr), -22);
     const support::Context context;
     EXPECT_EQ(selfloop_init(nullptr, context.get(), nullptr, nullptr, 0), 16);
     using Lines = std::vector<std::string>;
-    EXPECT_EQ(lines_of('E'),
+    EXPECT_EQ(support::lines_of('E'),
               (Lines{"[lib/msg/dm_msg_intf.cpp:#][device monitor] [dm_init #] dm_init input dm_cb "
                      "null.",
                      "[lib/msg/dm_loop.cpp:#][device monitor] [selfloop_init #] duplicate "
                      "interface [selfloop]\r\n"}));
-    EXPECT_EQ(lines_of('W'), (Lines{"[lib/msg/dm_loop.cpp:#][device monitor] [selfloop_init #] "
-                                    "[selfloop_init #] Drv_check:intf == ((void *)0)\n"}));
+    EXPECT_EQ(support::lines_of('W'),
+              (Lines{"[lib/msg/dm_loop.cpp:#][device monitor] [selfloop_init #] "
+                     "[selfloop_init #] Drv_check:intf == ((void *)0)\n"}));
 }
 
 TEST_F(Log, OneErrorLineOfASubjectInThreeSeconds) {

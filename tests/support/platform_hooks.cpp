@@ -16,6 +16,7 @@
 #include <ctime>
 #include <memory>
 #include <mutex>
+#include <regex>
 #include <utility>
 
 extern "C" {
@@ -147,12 +148,24 @@ int logged(char level, std::string_view text, std::string_view operation) {
     }));
 }
 
-std::set<std::string> operations() {
-    std::set<std::string> named;
+std::vector<std::string> lines_of(char level) {
+    std::vector<std::string> texts;
     for (const LogLine& line : log_lines()) {
-        const size_t name = line.text.find("] [") + 3;
-        if (line.text.starts_with("[lib/msg/"))
-            named.insert(line.text.substr(name, line.text.find(' ', name) - name));
+        const size_t begin = line.text.find(':') + 1;
+        const std::regex number(line.text.substr(begin, line.text.find(']') - begin) + "\\]");
+        if (line.level == level)
+            texts.push_back(std::regex_replace(line.text, number, "#]"));
+    }
+    return texts;
+}
+
+std::set<std::string> operations() {
+    static const std::regex name("^\\[lib/msg/.*?\\] \\[([^ ]*) ");
+    std::set<std::string> named;
+    std::smatch match;
+    for (const LogLine& line : log_lines()) {
+        if (std::regex_search(line.text, match, name))
+            named.insert(match[1]);
     }
     return named;
 }

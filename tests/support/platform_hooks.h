@@ -66,6 +66,8 @@ std::vector<LogLine> log_lines();
 void clear_log();
 // How many captured lines of that level end in the text and name that operation.
 int logged(char level, std::string_view text, std::string_view operation = "");
+// The captured lines of that level, with "#" where the line's number is.
+std::vector<std::string> lines_of(char level);
 // The operations that captured lines of the framework and its transports name.
 std::set<std::string> operations();
 
