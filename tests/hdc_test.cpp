@@ -38,7 +38,6 @@ protected:
     void TearDown() override {
         context_.reset();
         support::on_write_file = nullptr;
-        support::on_close_file = nullptr;
         hal.reset();
     }
     int init(uint32_t role, uint32_t number = 3, uint32_t kind = 99, int32_t opt_len = 31) {
@@ -268,6 +267,7 @@ TEST_F(Hdc, FailedRegistrationLeavesTheChannelToItsThreads) {
         const support::Fault refused(Call::memmove_s, 1);
         EXPECT_EQ(init(DM_HDC_SERVER), support::kInjectedStatus);
     }
+    support::on_close_file = nullptr;
     EXPECT_EQ(closed, 2);
     EXPECT_EQ(run.exchange(1), 0);
     EXPECT_EQ(hal.trace(), "capacity create ");
