@@ -181,11 +181,12 @@ TEST_F(Hdc, MessageTellsWhereItCameFrom) {
         EXPECT_TRUE(type < 0 || msg.src_type == type);
     }
     // Of the payload's size, and of the room for it.
+    using Case = std::tuple<size_t, uint16_t, int32_t>;
     for (const auto& [size, capacity, word] :
-         {std::tuple(10, 4096, 0), {40, 4096, 28}, {40, 12, 0}, {40, 11, 0x7a787878}}) {
+         {Case(10, 4096, 0), {40, 4096, 28}, {40, 12, 0}, {40, 11, 0x7a787878}}) {
         std::memset(buffer, 'z', sizeof(buffer));
-        EXPECT_EQ(receive(frame(std::string(size, 'x')), static_cast<uint16_t>(capacity)), 0);
-        EXPECT_EQ(msg.data.data_len, std::min(size, capacity));
+        EXPECT_EQ(receive(frame(std::string(size, 'x')), capacity), 0);
+        EXPECT_EQ(msg.data.data_len, std::min<size_t>(size, capacity));
         EXPECT_EQ(std::memcmp(buffer + 8, &word, sizeof(word)), 0);
     }
     EXPECT_EQ(receive(frame("x", 2)), -1);
