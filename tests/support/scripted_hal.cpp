@@ -11,64 +11,6 @@ struct HAL_HDC_MSG {
     std::string bytes;
 };
 
-namespace support {
-
-namespace {
-size_t occurrences(const std::string& text, const std::string& word) {
-    size_t times = 0;
-    for (size_t at = 0; (at = text.find(word, at)) != std::string::npos; ++at)
-        ++times;
-    return times;
-}
-} // namespace
-
-Hal hal;
-
-Hal::Hal() {
-    calls.reserve(10000); // a call allocates nothing: the test may let that fail
-}
-
-int Hal::call(const char* name) {
-    const std::lock_guard guard(lock);
-    calls.append(name).append(" ");
-    changed.notify_all();
-    return code.contains(name) ? code[name] : 0;
-}
-
-size_t Hal::count(const std::string& name) {
-    const std::lock_guard guard(lock);
-    return occurrences(calls, name + " ");
-}
-
-bool Hal::called(const std::string& name, size_t times) {
-    std::unique_lock guard(lock);
-    return changed.wait_for(guard, std::chrono::seconds(30),
-                            [&] { return occurrences(calls, name + " ") >= times; });
-}
-
-std::string Hal::trace() {
-    const std::lock_guard guard(lock);
-    const std::string text = calls;
-    calls.clear();
-    return text;
-}
-
-void Hal::change(const std::function<void()>& what) {
-    const std::lock_guard guard(lock);
-    what();
-    changed.notify_all();
-}
-
-void Hal::reset() {
-    change([this] {
-        ++server;
-        calls.clear();
-        code.clear();
-    });
-}
-
-} // namespace support
-
 using support::hal;
 
 // A call that has its effect and fails when it is to.

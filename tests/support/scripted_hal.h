@@ -3,6 +3,7 @@
 
 #include "platform_hal.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <map>
@@ -26,17 +27,48 @@ struct Hal {
     int length = -1;        // of that message, or the room for one that is received
     std::string calls;      // each with a blank behind it
 
-    Hal();
-    int call(const char* name);
-    size_t count(const std::string& name);
+    Hal() { calls.reserve(10000); } // a call allocates nothing: the test may let that fail
+    int call(const char* name) {
+        const std::lock_guard guard(lock);
+        calls.append(name).append(" ");
+        changed.notify_all();
+        return code.contains(name) ? code[name] : 0;
+    }
+    size_t count(const std::string& name) {
+        const std::lock_guard guard(lock);
+        return occurrences(name + " ");
+    }
     // Waits until it was called so often. Ends after 30 s, with false.
-    bool called(const std::string& name, size_t times = 1);
+    bool called(const std::string& name, size_t times = 1) {
+        std::unique_lock guard(lock);
+        return changed.wait_for(guard, std::chrono::seconds(30),
+                                [&] { return occurrences(name + " ") >= times; });
+    }
     // The calls since the last time.
-    std::string trace();
-    void change(const std::function<void()>& what);
+    std::string trace() {
+        const std::lock_guard guard(lock);
+        const std::string text = calls;
+        calls.clear();
+        return text;
+    }
+    void change(const std::function<void()>& what) {
+        const std::lock_guard guard(lock);
+        what();
+        changed.notify_all();
+    }
     // Ends the accept threads and forgets the calls and the failures.
-    void reset();
+    void reset() {
+        change([this] { ++server, calls.clear(), code.clear(); });
+    }
+
+private:
+    size_t occurrences(const std::string& word) const {
+        size_t times = 0;
+        for (size_t at = 0; (at = calls.find(word, at)) != std::string::npos; ++at)
+            ++times;
+        return times;
+    }
 };
-extern Hal hal;
+inline Hal hal;
 
 } // namespace support
