@@ -21,7 +21,7 @@
  * 12, or with 0 below 12: there the service's header has its body's length.
  *
  * Any thread may send. A thread that is cancelled while it sends (pthread_cancel(3)) leaves nothing
- * open.
+ * open, and of the answer all or nothing in the interface's pipe.
  */
 #ifndef DM_HDC_H
 #define DM_HDC_H
@@ -100,8 +100,8 @@ DM_ASSERT_OFFSET(HDC_MSG_ST, data, DM_HDC_HEADER_LEN);
 
 /**
  * 1 at first: the servers of the process accept sessions. Closing any HDC interface sets it to 0,
- * and nothing in the library sets it back. A thread that waits for a session sees it when that
- * comes.
+ * as does dm_hdc_init() when the registration fails, and nothing in the library sets it back. A
+ * thread that waits for a session sees it when that comes.
  */
 extern DM_API int32_t g_dm_hdc_run;
 
@@ -120,7 +120,9 @@ DM_API int32_t dm_hdc_get_intf_name(int32_t num, char* buf, uint32_t size);
  *
  * Its requests are not sent again and time out after 20 seconds, until set_retry says otherwise. A
  * server tries for two minutes to become the server of its device id. Closing the interface stops
- * accepting (g_dm_hdc_run); the channel and the pipe stay open for good.
+ * accepting (g_dm_hdc_run); the channel and the pipe stay open for good. A call that fails closes
+ * the pipe that it made, but for one whose flags it could not set. When it is the registration that
+ * fails, the HAL's server or client stays.
  * @param intf receives the record, which is the context's; may be null.
  * @param dm_cb the context that gets the interface; must not be null.
  * @param timeout_hndl makes the response of a request that timed out, at least one byte; with null

@@ -7,7 +7,7 @@
  * A send returns EAGAIN when the pipe is full, and 22 for more than DM_MAX_DATA_LEN bytes. When the
  * pipe takes only a part of a frame, the send succeeds and the rest goes out ahead of everything
  * else, with the next send or receive. A message without payload is sent but refused on receive.
- * Any thread may send.
+ * Any thread may send; one that is cancelled in it (pthread_cancel(3)) has sent the message or not.
  */
 #ifndef DM_LOOP_H
 #define DM_LOOP_H

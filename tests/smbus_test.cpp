@@ -56,7 +56,7 @@ TEST(Smbus, WritesBlocksOfUpTo32Bytes) {
 }
 
 TEST(Smbus, LogsEvery601stFailureWhateverSucceeds) {
-    const auto logged = [] { return support::logged('E', "__dm_smbus_send: ioctl fail\n"); };
+    const auto logged = [] { return support::logged('E', "ioctl fail\n", "smbus_msg_send"); };
     for (int failures = 1; failures <= 2 * 601; ++failures) {
         support::skip_log_interval();
         bus.failing = I2C_SMBUS;

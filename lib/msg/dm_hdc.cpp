@@ -325,9 +325,7 @@ int32_t dm_hdc_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER timeout_
     HdcOpened opened;
     if (const int ret = __dm_hdc_open(opened, __hdc_addr_of(addr)); ret != 0)
         return ret;
-    made->fd = opened.read_end.get();
-    made->wfd = opened.write_end.get();
-    made->reserved = reinterpret_cast<uintptr_t>(opened.channel.get());
+    opened.enter(made.get());
     __dm_fill_slots(made.get(), __dm_hdc_recv, __dm_hdc_send, __dm_send_msg_ex<__dm_hdc_send>,
                     __dm_hdc_close);
     made->timeout_ms = kTimeoutMs;
@@ -340,9 +338,6 @@ int32_t dm_hdc_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER timeout_
         dm::store(g_dm_hdc_run, 0);
         return ret;
     }
-    // They are the record's.
-    opened.read_end.release();
-    opened.write_end.release();
-    static_cast<void>(opened.channel.release());
+    opened.release();
     return 0;
 }

@@ -2,6 +2,15 @@
 
 #include "base/memory.h"
 #include "msg/dm_msg_private.h"
+#include "platform_bounds.h"
+
+int __dm_copy_intf_name(const dm::LogSite& site, char (&copy)[DM_INTF_NAME_LEN], const char* name) {
+    const int status = strncpy_s(copy, sizeof(copy), name, DM_INTF_NAME_LEN - 1);
+    copy[DM_INTF_NAME_LEN - 1] = '\0';
+    if (status != 0)
+        DM_LOG_ERROR_AT(site, "strncpy_s error\n");
+    return status;
+}
 
 bool __dm_is_duplicate(const dm::LogSite& site, DM_CB_ST* dm_cb, const char* name) {
     if (dm_get_intf(dm_cb, name, DM_INTF_NAME_LEN) == nullptr)
@@ -16,10 +25,8 @@ int __dm_begin_record(const dm::LogSite& site, DM_INTF_ST* intf, const char* nam
         DM_LOG_ERROR_AT(site, "memset_s fail: %d\n", status);
         return status;
     }
-    if (const int status = __dm_copy_intf_name(intf->name, name); status != 0) {
-        DM_LOG_ERROR_AT(site, "strncpy_s error\n");
+    if (const int status = __dm_copy_intf_name(site, intf->name, name); status != 0)
         return status;
-    }
     intf->addr = *addr;
     return 0;
 }

@@ -4,14 +4,10 @@
 
 #include "base/log.h"
 #include "dm_msg_intf.h"
-#include "platform_bounds.h"
 
-// Copies an interface's name, cut to 31 characters. Gives a status.
-inline int __dm_copy_intf_name(char (&copy)[DM_INTF_NAME_LEN], const char* name) {
-    const int status = strncpy_s(copy, sizeof(copy), name, DM_INTF_NAME_LEN - 1);
-    copy[DM_INTF_NAME_LEN - 1] = '\0';
-    return status;
-}
+// Copies an interface's name, cut to 31 characters. Gives a status; a failure is logged as the
+// caller's.
+int __dm_copy_intf_name(const dm::LogSite& site, char (&copy)[DM_INTF_NAME_LEN], const char* name);
 
 // True, with an error line of the caller's, when an interface of that name is registered.
 bool __dm_is_duplicate(const dm::LogSite& site, DM_CB_ST* dm_cb, const char* name);

@@ -160,10 +160,10 @@ int __make_record(dm::Owned<DM_INTF_ST>& intf, DM_CB_ST* dm_cb, const DM_ADDR_ST
         DM_LOG_ERROR_IN(loop_log, "selfloop_init", "memset_s fail:%d\n", ret);
         return ret;
     }
-    if (const int status = __dm_copy_intf_name(made->name, name); status != 0) {
-        DM_LOG_ERROR_IN(loop_log, "selfloop_init", "strncpy_s error\n");
+    if (const int status =
+            __dm_copy_intf_name(DM_LOG_SITE_IN(loop_log, "selfloop_init"), made->name, name);
+        status != 0)
         return status;
-    }
     made->addr.kind = DM_KIND_SELFLOOP;
     made->addr.family = DM_FAMILY_SELFLOOP;
     if (addr != nullptr)
@@ -183,11 +183,10 @@ int selfloop_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_ADDR_ST* addr, const ch
     if (dm_cb == nullptr || (addr != nullptr && !__is_selfloop_addr(addr)))
         return EINVAL;
     char own_name[DM_INTF_NAME_LEN];
-    if (const int status = __dm_copy_intf_name(own_name, name != nullptr ? name : kDefaultName);
-        status != 0) {
-        DM_LOG_ERROR(loop_log, "strncpy_s error\n");
+    if (const int status = __dm_copy_intf_name(DM_LOG_SITE(loop_log), own_name,
+                                               name != nullptr ? name : kDefaultName);
+        status != 0)
         return status;
-    }
     if (!DM_CHECK(dm_get_intf(dm_cb, own_name, DM_INTF_NAME_LEN) == nullptr,
                   "intf == ((void *)0)")) {
         DM_LOG_ERROR(loop_log, "duplicate interface [%s]\r\n", own_name);

@@ -227,11 +227,10 @@ int dm_udp_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER timeout_hndl
         return EINVAL;
     }
     char own_name[DM_INTF_NAME_LEN];
-    if (const int status = __dm_copy_intf_name(own_name, name != nullptr ? name : kDefaultName);
-        status != 0) {
-        DM_LOG_ERROR(udp_log, "strncpy_s error\n");
+    if (const int status = __dm_copy_intf_name(DM_LOG_SITE(udp_log), own_name,
+                                               name != nullptr ? name : kDefaultName);
+        status != 0)
         return status;
-    }
     if (__dm_is_duplicate(DM_LOG_SITE(udp_log), dm_cb, own_name))
         return EBUSY;
     dm::Owned<DM_INTF_ST> made;

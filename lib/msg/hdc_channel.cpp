@@ -135,6 +135,18 @@ HdcOpened::~HdcOpened() noexcept(false) {
     __keep(std::move(channel));
 }
 
+void HdcOpened::enter(DM_INTF_ST* intf) const {
+    intf->fd = read_end.get();
+    intf->wfd = write_end.get();
+    intf->reserved = reinterpret_cast<uintptr_t>(channel.get());
+}
+
+void HdcOpened::release() {
+    read_end.release();
+    write_end.release();
+    static_cast<void>(channel.release());
+}
+
 int __dm_hdc_open(HdcOpened& opened, const DM_HDC_ADDR_ST& own) {
     int fds[2];
     if (const int ret = dm::make_pipe(fds[0], fds[1]); ret != 0)

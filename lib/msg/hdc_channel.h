@@ -62,6 +62,10 @@ struct HdcOpened {
     HdcOpened& operator=(const HdcOpened&) = delete;
     ~HdcOpened() noexcept(false);
 
+    // Enters it all into the record, which has it once it is registered.
+    void enter(DM_INTF_ST* intf) const;
+    void release();
+
     HdcPipeEnd write_end;
     HdcPipeEnd read_end;
     HdcChannelRef channel;

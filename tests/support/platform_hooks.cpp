@@ -16,6 +16,7 @@
 #include <ctime>
 #include <memory>
 #include <mutex>
+#include <regex>
 #include <utility>
 
 extern "C" {
@@ -37,12 +38,13 @@ bool hold(const MM_USER_BLOCK_ST* block) {
 }
 } // namespace
 
-std::function<void()> hold_next_task() {
+std::function<pthread_t()> hold_next_task() {
     auto task = std::make_shared<MM_USER_BLOCK_ST>();
     held_task = task;
     return [task] {
-        pthread_t thread; // detaches itself
+        pthread_t thread{};
         pthread_create(&thread, nullptr, task->proc, task->arg);
+        return thread;
     };
 }
 
@@ -137,11 +139,35 @@ void clear_log() {
     lines.clear();
 }
 
-int logged(char level, std::string_view text) {
+int logged(char level, std::string_view text, std::string_view operation) {
     const auto all = log_lines();
+    const std::string named = std::string("] [").append(operation);
     return static_cast<int>(std::ranges::count_if(all, [&](const LogLine& line) {
-        return line.level == level && std::string_view(line.text).ends_with(text);
+        return line.level == level && std::string_view(line.text).ends_with(text) &&
+               line.text.find(operation.empty() ? named : named + " ") != std::string::npos;
     }));
+}
+
+std::vector<std::string> lines_of(char level) {
+    std::vector<std::string> texts;
+    for (const LogLine& line : log_lines()) {
+        const size_t begin = line.text.find(':') + 1;
+        const std::regex number(line.text.substr(begin, line.text.find(']') - begin) + "\\]");
+        if (line.level == level)
+            texts.push_back(std::regex_replace(line.text, number, "#]"));
+    }
+    return texts;
+}
+
+std::set<std::string> operations() {
+    static const std::regex name("^\\[lib/msg/.*?\\] \\[([^ ]*) ");
+    std::set<std::string> named;
+    std::smatch match;
+    for (const LogLine& line : log_lines()) {
+        if (std::regex_search(line.text, match, name))
+            named.insert(match[1]);
+    }
+    return named;
 }
 
 } // namespace support
@@ -159,25 +185,15 @@ NOT_INSTRUMENTED void* malloc(size_t size) {
     return __interceptor_malloc != nullptr ? __interceptor_malloc(size) : __libc_malloc(size);
 }
 
-int memset_s(void* dest, size_t dest_size, int value, size_t count) {
-    static auto* const real = support::next("memset_s", &memset_s);
-    return fails(Call::memset_s) ? support::kInjectedStatus : real(dest, dest_size, value, count);
-}
-
-int memcpy_s(void* dest, size_t dest_size, const void* src, size_t count) {
-    static auto* const real = support::next("memcpy_s", &memcpy_s);
-    return fails(Call::memcpy_s) ? support::kInjectedStatus : real(dest, dest_size, src, count);
-}
-
-int memmove_s(void* dest, size_t dest_size, const void* src, size_t count) {
-    static auto* const real = support::next("memmove_s", &memmove_s);
-    return fails(Call::memmove_s) ? support::kInjectedStatus : real(dest, dest_size, src, count);
-}
-
-int strncpy_s(char* dest, size_t dest_size, const char* src, size_t count) {
-    static auto* const real = support::next("strncpy_s", &strncpy_s);
-    return fails(Call::strncpy_s) ? support::kInjectedStatus : real(dest, dest_size, src, count);
-}
+#define DEFINE_BOUNDED(name, Dest, Arg)                                                     \
+    int name(Dest dest, size_t size, Arg arg, size_t count) {                               \
+        static auto* const real = support::next(#name, &name);                              \
+        return fails(Call::name) ? support::kInjectedStatus : real(dest, size, arg, count); \
+    }
+DEFINE_BOUNDED(memset_s, void*, int)
+DEFINE_BOUNDED(memcpy_s, void*, const void*)
+DEFINE_BOUNDED(memmove_s, void*, const void*)
+DEFINE_BOUNDED(strncpy_s, char*, const char*)
 
 int mmCreateTask(MM_THREAD* thread, const MM_USER_BLOCK_ST* block) {
     static auto* const real = support::next("mmCreateTask", &mmCreateTask);

@@ -2,8 +2,11 @@
 // calls fail. Everything else goes on to the platform.
 #pragma once
 
+#include <pthread.h>
+
 #include <cstdint>
 #include <functional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,8 +44,9 @@ private:
 // Gives the number of failures.
 int fail_each(Call call, const std::function<void()>& step);
 
-// The next thread that the library creates does not begin before the function is called.
-std::function<void()> hold_next_task();
+// The next thread that the library creates does not begin before the function is called. Nobody has
+// detached it.
+std::function<pthread_t()> hold_next_task();
 
 // Calls of mmWriteFile() go here when set; mmCloseFile() says so here before.
 extern std::function<int64_t(int fd, const void* buffer, uint32_t size)> on_write_file;
@@ -60,7 +64,11 @@ struct LogLine {
 
 std::vector<LogLine> log_lines();
 void clear_log();
-// How many captured lines of that level end in the text.
-int logged(char level, std::string_view text);
+// How many captured lines of that level end in the text and name that operation.
+int logged(char level, std::string_view text, std::string_view operation = "");
+// The captured lines of that level, with "#" where the line's number is.
+std::vector<std::string> lines_of(char level);
+// The operations that captured lines of the framework and its transports name.
+std::set<std::string> operations();
 
 } // namespace support
