@@ -4,6 +4,7 @@
 // create a context, register a command handler, open the transports, wait, take everything down.
 
 #include "commands.h"
+#include "dead_queues.h"
 #include "dm_hdc.h"
 #include "dm_ipc.h"
 #include "dm_msg_intf.h"
@@ -29,6 +30,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <sys/prctl.h>
 #include <unistd.h>
 #include <vector>
 
@@ -277,6 +279,8 @@ int serve(DM_CB_ST* context, const Transports& transports, const sigset_t& signa
 
 int run(const Transports& transports, MainLoop::Clock::duration interval) {
     survive_readers();
+    prctl(PR_SET_NAME, dmond::kProcessName);
+    dmond::remove_dead_queues();
     const sigset_t signals = block_signals();
     dmond::Sampler sampler;
     DM_CB_ST* context = nullptr;

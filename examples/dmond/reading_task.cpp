@@ -1,5 +1,6 @@
 #include "reading_task.h"
 
+#include "dead_queues.h"
 #include "dmond_protocol.h"
 #include "ipmi_v_queue.h"
 #include "ipmi_v_sm.h"
@@ -73,10 +74,11 @@ private:
 
 class OrderQueue {
 public:
-    // Comes with a first order.
+    // Comes with a first order. So the kernel has noted who wrote to the queue, by which another
+    // daemon can tell whether its owner still lives.
     OrderQueue() {
         std::int32_t qid = -1;
-        require(vos_private_queue_create("dmond", kOrders, &qid, kQueueMode, 1) == 0,
+        require(vos_private_queue_create(kProcessName, kOrders, &qid, kQueueMode, 1) == 0,
                 "a queue");
         qid_ = qid;
         put();

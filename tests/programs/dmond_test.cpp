@@ -86,17 +86,28 @@ TEST_F(DmondOfABrokenSystem, SaysWhatIsMissingAndEnds) {
     EXPECT_EQ(health.at("missing").at("load"), "the load average: Too many open files");
 }
 
-TEST(DmondTwice, TheSecondWaitsForATransport) {
+// What the kernel tells of the message queues that a process wrote to last (sysvipc(5)).
+std::string queues_of(const Child& daemon) {
+    return run({"/usr/bin/awk", "$6 == " + std::to_string(daemon.pid()), "/proc/sysvipc/msg"}).out;
+}
+
+TEST(DmondTwice, TheSecondWaitsForATransportAndReclaimsQueues) {
     std::string directory = testing::TempDir() + "dmond_XXXXXX";
     ASSERT_EQ(setenv("DM_HAL_DIR", mkdtemp(directory.data()), 1), 0);
     Child first({DMOND, "--hdc", "0"});
     EXPECT_TRUE(first.await_text("hdc://0\n"));
     Child second({DMOND, "--hdc", "0", "--ipc", "1"});
     EXPECT_TRUE(second.await_text("ipc://1\n"));
+    EXPECT_NE(queues_of(first), "") << "it lives";
     second.send_signal(SIGTERM);
     const Outcome waited = second.wait();
     EXPECT_EQ(waited.status, 0);
     EXPECT_NE(waited.err.find("dmond: waiting for hdc://0\n"), std::string::npos) << waited.err;
+    first.send_signal(SIGKILL);
+    first.wait();
+    Child third({DMOND, "--hdc", "0"});
+    EXPECT_TRUE(third.await_text("hdc://0\n"));
+    EXPECT_EQ(queues_of(first), "");
     std::filesystem::remove_all(directory);
 }
 
