@@ -19,7 +19,7 @@ namespace dmond {
 namespace {
 
 // A daemon writes to its queue at least once an hour, which is the longest --interval.
-constexpr std::time_t kSilence = 2 * 3600;
+constexpr std::time_t kSilence = 7200;
 
 bool is_ours(const ipc_perm& owner) {
     std::uint32_t tag[2];

@@ -2,31 +2,33 @@
 
 #include <exception>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 namespace dmond {
 
 Opening::Opening(std::function<void()> open, std::function<void()> on_end) {
     try {
-        thread_ = std::thread(&Opening::run, this, std::move(open), std::move(on_end));
+        std::thread(run, state_, std::move(open), std::move(on_end)).detach();
     } catch (const std::system_error& error) {
-        failure_ = std::string("cannot start a thread: ") + error.what();
-        ended_ = true;
+        state_->failure = std::string("cannot start a thread: ") + error.what();
+        state_->ended = true;
     }
 }
 
 Opening::~Opening() {
-    if (thread_.joinable())
-        thread_.join();
+    state_->ended.wait(false);
 }
 
-void Opening::run(const std::function<void()>& open, const std::function<void()>& on_end) {
+void Opening::run(const std::shared_ptr<State>& state, const std::function<void()>& open,
+                  const std::function<void()>& on_end) {
     try {
         open();
     } catch (const std::exception& error) {
-        failure_ = error.what();
+        state->failure = error.what();
     }
-    ended_ = true;
+    state->ended = true;
+    state->ended.notify_all();
     on_end();
 }
 

@@ -5,8 +5,8 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
-#include <thread>
 
 namespace dmond {
 
@@ -20,17 +20,22 @@ public:
     // Waits for the end.
     ~Opening();
 
-    bool has_ended() const { return ended_; }
+    bool has_ended() const { return state_->ended; }
 
     // Why there is no transport, once the opening has ended; empty when there is one.
-    const std::string& failure() const { return failure_; }
+    const std::string& failure() const { return state_->failure; }
 
 private:
-    void run(const std::function<void()>& open, const std::function<void()>& on_end);
+    struct State {
+        std::string failure;
+        std::atomic<bool> ended{false};
+    };
 
-    std::string failure_;
-    std::atomic<bool> ended_{false};
-    std::thread thread_;
+    static void run(const std::shared_ptr<State>& state, const std::function<void()>& open,
+                    const std::function<void()>& on_end);
+
+    // The thread has a share: it may be left behind as the process ends.
+    const std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
 } // namespace dmond

@@ -137,6 +137,7 @@ struct ReadingTask::State : std::enable_shared_from_this<ReadingTask::State> {
 
     static void run(std::uint64_t arg, std::uint64_t, std::uint64_t, std::uint64_t);
     void take_reading();
+    void note_order();
     void order();
     void remove_queue();
 
@@ -148,8 +149,8 @@ struct ReadingTask::State : std::enable_shared_from_this<ReadingTask::State> {
     Semaphore guard{"rdng", 1}; // of what follows
     Reading reading{name, nullptr, "there is no reading yet"};
     std::optional<Clock::time_point> taken;
-    // The oldest order since then, and before the first reading that which the queue comes with.
-    std::optional<Clock::time_point> ordered = Clock::now();
+    // When the next one was ordered, or its task created.
+    std::optional<Clock::time_point> ordered;
 };
 
 void ReadingTask::State::run(std::uint64_t arg, std::uint64_t, std::uint64_t, std::uint64_t) {
@@ -162,14 +163,14 @@ void ReadingTask::State::run(std::uint64_t arg, std::uint64_t, std::uint64_t, st
         std::shared_ptr<State> state;
     };
     const Run run(std::bit_cast<State*>(arg)->shared_from_this());
-    while (run.state->orders.wait()) {
-        run.state->orders.take_all();
+    do
         run.state->take_reading();
-    }
+    while (run.state->orders.wait());
 }
 
 void ReadingTask::State::take_reading() {
     const KillingOff off;
+    orders.take_all();
     Reading newest{name, nullptr, {}};
     try {
         newest.value = take();
@@ -184,9 +185,14 @@ void ReadingTask::State::take_reading() {
 }
 
 // With the guard held.
-void ReadingTask::State::order() {
+void ReadingTask::State::note_order() {
     if (!ordered)
         ordered = Clock::now();
+}
+
+// With the guard held.
+void ReadingTask::State::order() {
+    note_order();
     orders.put();
 }
 
@@ -229,6 +235,10 @@ bool ReadingTask::is_awaited() const {
 
 bool ReadingTask::start() {
     const std::array<std::uint64_t, 4> args{std::bit_cast<std::uint64_t>(state_.get())};
+    {
+        const Hold hold(state_->guard);
+        state_->note_order();
+    }
     ++state_->running;
     if (vos_create_task(state_->name, &task_no_, State::run, kPriority, kStackSize, args.data()) !=
         0) {
@@ -243,9 +253,7 @@ bool ReadingTask::start() {
 
 bool ReadingTask::restart() {
     vos_delete_task(task_no_);
-    const bool started = start();
-    order(); // the task may have been killed with one in its hands
-    return started;
+    return start();
 }
 
 void ReadingTask::stop() {
