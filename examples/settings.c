@@ -6,21 +6,20 @@
 #include <stdlib.h>
 #include <string.h>
 
-enum { LINE_SIZE = 256, SHOWN = 64 };
-
 /* The table owns the copies: it frees the old one when a setting is replaced or removed. */
 static int set(HASH_TABLE_ST* settings, const char* name, const char* value) {
-    char* copy = malloc(LINE_SIZE);
+    const size_t size = strlen(name) + strlen(value) + sizeof("=");
+    char* copy = malloc(size);
     if (copy == NULL)
         return -1;
-    snprintf(copy, LINE_SIZE, "%s=%s", name, value);
+    snprintf(copy, size, "%s=%s", name, value);
     const int status = hash_table_put2(settings, name, copy, free);
     if (status != 0)
         free(copy);
     return status;
 }
 
-static int read_line(HASH_TABLE_ST* settings, char* line) {
+static int read_setting(HASH_TABLE_ST* settings, char* line) {
     const char* name = strtok(line, " \t\n");
     const char* value = strtok(NULL, "\n");
     if (name == NULL)
@@ -31,20 +30,36 @@ static int read_line(HASH_TABLE_ST* settings, char* line) {
     return 0;
 }
 
+static int read_settings(HASH_TABLE_ST* settings) {
+    char* line = NULL;
+    size_t size = 0;
+    int status = 0;
+    while (status == 0 && getline(&line, &size, stdin) != -1)
+        status = read_setting(settings, line);
+    free(line);
+    return status;
+}
+
+static int print_settings(const HASH_TABLE_ST* settings) {
+    const int count = count_hash_table(settings);
+    void** values = calloc((size_t)count + 1, sizeof(*values)); /* never of no size */
+    if (values == NULL)
+        return -1;
+    const int listed = get_hash_table_value(settings, values, count);
+    printf("%d settings\n", count);
+    for (int i = 0; i < listed; ++i)
+        printf("%s\n", (const char*)values[i]);
+    free(values);
+    return 0;
+}
+
 int main(void) {
     HASH_TABLE_ST* settings = hash_table_new();
     if (settings == NULL)
         return 1;
-    char line[LINE_SIZE];
-    int status = 0;
-    while (status == 0 && fgets(line, sizeof(line), stdin) != NULL)
-        status = read_line(settings, line);
-
-    void* shown[SHOWN];
-    const int count = get_hash_table_value(settings, shown, SHOWN);
-    printf("%d settings\n", (int)count_hash_table(settings));
-    for (int i = 0; i < count; ++i)
-        printf("%s\n", (const char*)shown[i]);
+    int status = read_settings(settings);
+    if (print_settings(settings) != 0)
+        status = -1;
     hash_table_delete(settings);
     return status == 0 ? 0 : 1;
 }

@@ -4,6 +4,9 @@
 // JSON text for their body; with a status other than ok it is {"error": "the reason"}. The bodies
 // of the other requests are ignored.
 //
+// In the body of health, a reading that failed or hangs is null, and "missing" has its name and the
+// reason.
+//
 // The device manager's channel (ipc) does not tell answers from requests, so there an answer's code
 // carries kAnswerMark. Its messages have at most 32 bytes: the body of health is {"load": L} there,
 // with the load of the last minute, and that of an error is empty.

@@ -3,19 +3,22 @@
 
 #include <sys/sysinfo.h>
 #include <sys/utsname.h>
+#include <system_error>
 
 namespace dmond {
 
 namespace {
 
 // proc(5); not every architecture names its processor in /proc/cpuinfo.
-std::string processor_model(const std::string& fallback) {
+Json processor_model(const std::string& fallback) try {
     for (const std::string& line : read_lines("/proc/cpuinfo")) {
         const std::size_t colon = line.find(": ");
         if (colon != std::string::npos && line.starts_with("model name"))
             return line.substr(colon + 2);
     }
     return fallback;
+} catch (const std::system_error&) {
+    return nullptr;
 }
 
 } // namespace

@@ -4,22 +4,34 @@
 // create a context, register a command handler, open the transports, wait, take everything down.
 
 #include "commands.h"
+#include "dead_queues.h"
 #include "dm_hdc.h"
 #include "dm_ipc.h"
 #include "dm_msg_intf.h"
 #include "dm_udp.h"
+#include "opening.h"
+#include "platform_hal_codes.h"
 #include "sampler.h"
 #include "udp_endpoint.h"
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <fcntl.h>
+#include <functional>
+#include <list>
+#include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <sys/prctl.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -27,36 +39,91 @@ namespace {
 constexpr int kWrongUsage = 2;
 constexpr int kCannotOpen = 3;
 
+// A transport that is not open after this is said to be waited for.
+constexpr std::chrono::seconds kMoment{1};
+
 int fail(int exit_status, const std::string& reason) {
     std::fprintf(stderr, "dmond: %s\n", reason.c_str());
     return exit_status;
 }
 
-// Threads inherit the mask of the thread that creates them. With the signals blocked before the
-// context starts its poll thread, they stay pending until main asks for them.
+// An opening tells the main thread with it that it has ended.
+constexpr int kOpeningEnded = SIGUSR1;
+
+// Threads inherit the mask of the thread that creates them. With the signals blocked before there
+// is another thread, they stay pending until main asks for them.
 sigset_t block_signals() {
     sigset_t signals;
     sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGHUP);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, kOpeningEnded})
+        sigaddset(&signals, signal);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     return signals;
 }
 
-// Waits for a signal that ends the service, and has a sample taken every now and then. SIGHUP
-// begins the sampling anew.
-void wait_for_end(const sigset_t& signals, dmond::Sampler& sampler, const timespec& interval) {
-    for (;;) {
-        const int signal = sigtimedwait(&signals, nullptr, &interval);
-        if (signal == SIGINT || signal == SIGTERM)
-            return;
-        if (signal != SIGHUP)
-            sampler.order();
-        else if (!sampler.restart())
-            std::fprintf(stderr, "dmond: cannot create a task for the readings\n");
-    }
+// Whoever reads what the daemon writes may go, or not have been there at all: no descriptor of the
+// library's is to be taken for the standard streams.
+void survive_readers() {
+    std::signal(SIGPIPE, SIG_IGN);
+    int fd = 0;
+    do
+        fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0)
+        close(fd);
 }
+
+// An orderly end takes a moment. What hangs, as a transport that is being opened or a reading, is
+// not waited for any longer than this: the process ends without it.
+void end_in_time(int exit_status) {
+    static volatile std::sig_atomic_t status;
+    status = exit_status;
+    std::signal(SIGALRM, [](int) { _exit(status); });
+    alarm(1);
+}
+
+// What the main thread does all the time, so that signals work at any moment: it waits for them,
+// and has a sample taken every now and then. SIGHUP begins the sampling anew.
+class MainLoop {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    MainLoop(const sigset_t& signals, dmond::Sampler& sampler, Clock::duration interval)
+        : signals_(signals), sampler_(sampler), interval_(interval) {}
+
+    // Goes on while `condition` holds, and no longer than `until`. It looks again with each signal.
+    // True when one came that ends the service.
+    template<class Condition>
+    bool run_while(Condition condition, Clock::time_point until = Clock::time_point::max()) {
+        while (condition() && Clock::now() < until) {
+            const int signal = wait(std::min(until, next_sample_));
+            if (signal == SIGINT || signal == SIGTERM)
+                return true;
+            if (signal == SIGHUP && !sampler_.restart())
+                std::fprintf(stderr, "dmond: cannot create a task for each reading\n");
+            if (Clock::now() >= next_sample_) {
+                sampler_.order();
+                next_sample_ = Clock::now() + interval_;
+            }
+        }
+        return false;
+    }
+
+private:
+    // Gives the signal, or -1 when it is time.
+    int wait(Clock::time_point until) const {
+        using namespace std::chrono;
+        const auto left = std::max(until - Clock::now(), Clock::duration::zero());
+        const auto whole = duration_cast<seconds>(left);
+        const timespec limit{whole.count(), duration_cast<nanoseconds>(left - whole).count()};
+        return sigtimedwait(&signals_, nullptr, &limit);
+    }
+
+    const sigset_t& signals_;
+    dmond::Sampler& sampler_;
+    const Clock::duration interval_;
+    Clock::time_point next_sample_ = Clock::now() + interval_;
+};
 
 // Where to listen.
 struct Transports {
@@ -71,34 +138,72 @@ void announce(const std::string& url) {
     std::fflush(stdout);
 }
 
-// The transports that are open: at the end they are removed, which waits for a handler that runs.
+// The transports: at the end the open ones are removed, which waits for a handler that runs.
 class Interfaces {
 public:
     explicit Interfaces(DM_CB_ST* context) : context_(context) {}
     Interfaces(const Interfaces&) = delete;
     Interfaces& operator=(const Interfaces&) = delete;
     ~Interfaces() noexcept(false) {
+        openings_.clear();
         for (DM_INTF_ST* intf : opened_)
             dm_intf_deregister(intf);
     }
 
-    // Gives 0 or the status of the one that could not be opened.
-    int open(const Transports& transports) {
-        if (transports.udp_endpoint)
-            if (const int status = open_udp(*transports.udp_endpoint); status != 0)
-                return fail(status, transports.udp);
-        if (transports.hdc)
-            if (const int status = open_hdc(*transports.hdc); status != 0)
-                return fail(status, "hdc://" + std::to_string(*transports.hdc));
-        if (transports.ipc)
-            if (const int status = open_ipc(*transports.ipc); status != 0)
-                return fail(status, "ipc://" + std::to_string(*transports.ipc));
-        return 0;
+    // Opens one after the other. One that takes long goes on beside the next ones, and beside the
+    // service. True when a signal ended the service meanwhile.
+    bool open(const Transports& transports, MainLoop& loop) {
+        if (transports.udp_endpoint && open("udp://" + transports.udp, loop, [this, &transports] {
+                return open_udp(*transports.udp_endpoint);
+            }))
+            return true;
+        if (transports.hdc && open("hdc://" + std::to_string(*transports.hdc), loop,
+                                   [this, &transports] { return open_hdc(*transports.hdc); }))
+            return true;
+        return transports.ipc && open("ipc://" + std::to_string(*transports.ipc), loop,
+                                      [this, &transports] { return open_ipc(*transports.ipc); });
+    }
+
+    bool has_failed() const { return std::any_of(openings_.begin(), openings_.end(), is_failed); }
+
+    // Gives 0, or says which one could not be opened and gives the exit status.
+    int exit_status() const {
+        const auto failed = std::find_if(openings_.begin(), openings_.end(), is_failed);
+        return failed == openings_.end() ? 0 : fail(kCannotOpen, failed->failure());
     }
 
 private:
-    static int fail(int status, const std::string& url) {
-        return ::fail(kCannotOpen, "cannot open " + url + ": " + std::strerror(std::abs(status)));
+    static bool is_failed(const dmond::Opening& opening) {
+        return opening.has_ended() && !opening.failure().empty();
+    }
+
+    bool open(const std::string& url, MainLoop& loop, const std::function<int()>& init) {
+        if (has_failed())
+            return false;
+        const dmond::Opening& opening = openings_.emplace_back(
+            [url, init] {
+                if (const int status = init(); status != 0)
+                    throw std::runtime_error("cannot open " + url + ": " + reason(status));
+            },
+            [] { kill(getpid(), kOpeningEnded); });
+        if (loop.run_while([&opening] { return !opening.has_ended(); },
+                           MainLoop::Clock::now() + kMoment))
+            return true;
+        if (!opening.has_ended())
+            std::fprintf(stderr, "dmond: waiting for %s\n", url.c_str());
+        return false;
+    }
+
+    // The HAL's codes lie above the errno numbers.
+    static std::string reason(int status) {
+        if (status == -1)
+            return "the system refuses it a channel or a thread";
+        return status >= HAL_ERR_FIRST ? hal_strerror(status) : std::strerror(std::abs(status));
+    }
+
+    void add(DM_INTF_ST* intf) {
+        const std::lock_guard lock(mutex_);
+        opened_.push_back(intf);
     }
 
     int open_udp(const sockaddr_in& endpoint) {
@@ -107,7 +212,7 @@ private:
         const int status = dm_udp_init(&intf, context_, nullptr, &address, nullptr, 0);
         if (status != 0)
             return status;
-        opened_.push_back(intf);
+        add(intf);
         announce("udp://" + udp::endpoint_text(udp::bound_endpoint(*intf)));
         return 0;
     }
@@ -125,7 +230,7 @@ private:
         const int status = dm_hdc_init(&intf, context_, nullptr, &address, nullptr, 0);
         if (status != 0)
             return status;
-        opened_.push_back(intf);
+        add(intf);
         announce("hdc://" + std::to_string(device));
         return 0;
     }
@@ -139,18 +244,20 @@ private:
         const int status = dm_ipc_init(&intf, context_, nullptr, &address, nullptr, 0);
         if (status != 0)
             return status;
-        opened_.push_back(intf);
+        add(intf);
         announce("ipc://" + std::to_string(device));
         return 0;
     }
 
     DM_CB_ST* context_;
+    std::list<dmond::Opening> openings_;
+    std::mutex mutex_; // of what follows
     std::vector<DM_INTF_ST*> opened_;
 };
 
 // Opens the transports, and answers requests until a signal ends the service.
 int serve(DM_CB_ST* context, const Transports& transports, const sigset_t& signals,
-          dmond::Sampler& sampler, const timespec& interval) {
+          dmond::Sampler& sampler, MainLoop::Clock::duration interval) {
     // The user data is copied, so what is registered is the handler's address. The handler comes
     // before the transports: no request finds the context without one.
     dmond::CommandHandler handler(sampler);
@@ -159,16 +266,21 @@ int serve(DM_CB_ST* context, const Transports& transports, const sigset_t& signa
                         sizeof(void*)) != 0)
         return fail(kCannotOpen, "cannot register the command handler");
 
+    // Requests are answered on the context's poll thread.
     Interfaces interfaces(context);
-    const int exit_status = interfaces.open(transports);
-    if (exit_status == 0) {
-        // Requests are answered on the context's poll thread.
-        wait_for_end(signals, sampler, interval);
-    }
+    MainLoop loop(signals, sampler, interval);
+    if (!interfaces.open(transports, loop))
+        loop.run_while([&interfaces] { return !interfaces.has_failed(); });
+    const int exit_status = interfaces.exit_status();
+    end_in_time(exit_status);
+    sampler.stop();
     return exit_status;
 }
 
-int run(const Transports& transports, const timespec& interval) {
+int run(const Transports& transports, MainLoop::Clock::duration interval) {
+    survive_readers();
+    prctl(PR_SET_NAME, dmond::kProcessName);
+    dmond::remove_dead_queues();
     const sigset_t signals = block_signals();
     dmond::Sampler sampler;
     DM_CB_ST* context = nullptr;
@@ -208,14 +320,16 @@ int run_command_line(int argc, char** argv) {
     transports.udp_endpoint = udp::parse_endpoint(transports.udp);
     if (!transports.udp.empty() && !transports.udp_endpoint)
         return fail(kWrongUsage, "--udp takes an IPv4 address and a port, such as 127.0.0.1:7400");
-    return run(transports, {interval_ms / 1000, interval_ms % 1000 * 1000000L});
+    return run(transports, std::chrono::milliseconds(interval_ms));
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
     try {
-        return run_command_line(argc, argv);
+        const int exit_status = run_command_line(argc, argv);
+        alarm(0);
+        return exit_status;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "dmond: %s\n", error.what());
         return kCannotOpen;

@@ -1,11 +1,11 @@
 // The readings that dmond gives, as JSON. Each call takes one.
 //
-// Readings that the machine does not have are left out or are empty. Sizes are in bytes, times in
-// seconds. Strings are the system's and need not be UTF-8 until json_text() has written them.
+// What the machine does not have is left out or is empty, and a number that cannot be read is null.
+// A reading that fails as a whole throws a std::exception that says why. Sizes are in bytes, times
+// in seconds. Strings are the system's and need not be UTF-8 until json_text() has written them.
 #ifndef DMOND_READINGS_H
 #define DMOND_READINGS_H
 
-#include <cstddef>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -15,16 +15,13 @@ using Json = nlohmann::ordered_json; // keys in the order in which they are give
 
 Json read_info();
 
-// Drops surplus filesystems, interfaces and sensors when the text would have more than `max_len`
-// bytes, and says so with "truncated": true.
-Json read_health(std::size_t max_len);
-
-// The load of the last minute alone, as text of at most 20 bytes.
-std::string short_health(const Json& health);
-
+// The parts of the machine's health.
+Json read_load(); // of the last minute, the last 5 and the last 15
+Json read_memory();
 Json read_filesystems();
 Json read_temperatures();
 Json read_fans();
+Json read_network();
 
 // The daemon's own tasks, out of the library's table.
 Json read_tasks();

@@ -1,12 +1,13 @@
-// Takes the machine's readings on a task of its own, so that a slow one (a file system that hangs)
-// holds up no request.
+// The health of the machine: all its readings, each of them on a task of its own.
 #ifndef DMOND_SAMPLER_H
 #define DMOND_SAMPLER_H
 
+#include "reading_task.h"
+
+#include <chrono>
 #include <cstddef>
-#include <cstdint>
-#include <memory>
 #include <string>
+#include <vector>
 
 namespace dmond {
 
@@ -16,27 +17,31 @@ public:
     Sampler();
     Sampler(const Sampler&) = delete;
     Sampler& operator=(const Sampler&) = delete;
+    // Waits for the end of readings that are being taken.
     ~Sampler();
 
-    // Has a sample taken soon.
-    void order();
+    // Has a sample taken soon. Any thread.
+    void order() const;
 
-    // The newest sample as JSON text of at most `max_len` bytes: all of it, or the load alone. One
-    // that is not fresh any more is given all the same, and the next one ordered.
-    std::string newest(std::size_t max_len);
+    // The newest sample as JSON text of at most `max_len` bytes: all of it, or the load alone. What
+    // is not fresh any more is given all the same, and ordered anew. In the second after the
+    // construction it waits for the first sample. Any thread.
+    std::string newest(std::size_t max_len) const;
 
-    // Kills the task, wherever it waits, and creates it again. Requests go on being answered out of
-    // the newest sample. False when there is no new task.
+    // Kills the tasks and creates them again. Requests go on being answered out of the newest
+    // sample. False when there is not a new task for each.
     bool restart();
 
-private:
-    struct State;
-
-    bool start();
+    // Kills the tasks and removes their queues. No sample is taken any more. Does not wait.
     void stop();
 
-    std::shared_ptr<State> state_;
-    std::uint32_t task_no_ = 0;
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void await_first() const;
+
+    const Clock::time_point begun_ = Clock::now();
+    std::vector<std::unique_ptr<ReadingTask>> tasks_;
 };
 
 } // namespace dmond

@@ -18,9 +18,13 @@ TEST(Examples, ADeadLockIsReported) {
 }
 
 TEST(Examples, SettingsAreReplacedAndRemoved) {
-    const std::string lines = "printf 'period 5\\nunit kelvin\\nperiod 10\\nunit\\nname fan 1\\n'";
-    const Outcome outcome = run({"/bin/sh", "-c", lines + " | " + kExamples + "settings"});
-    EXPECT_EQ(outcome.out, "2 settings\nname=fan 1\nperiod=10\n");
+    const std::string lines = "printf 'period 5\\nunit kelvin\\nperiod 10\\nunit\\nname fan 1\\n'; "
+                              "seq -f 's%g x' 67; printf 'long %0999d\\n' 1";
+    const std::string shown = "^(70 settings|name=fan 1|period=10|s[0-9]+=x|long=0{998}1)$";
+    const Outcome outcome =
+        run({"/bin/sh", "-c",
+             "(" + lines + ") | " + kExamples + "settings | grep -cE '" + shown + "'"});
+    EXPECT_EQ(outcome.out, "71\n");
 }
 
 } // namespace

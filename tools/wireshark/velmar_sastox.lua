@@ -161,9 +161,10 @@ local function show_response_links(tree, pinfo, exchange)
         tree:add_proto_expert_info(e.answered_before)
         return
     end
-    local seconds = math.floor(exchange.taken)
-    local nanoseconds = math.floor((exchange.taken - seconds) * 1e9 + 0.5)
-    tree:add(f.response_time, NSTime.new(seconds, nanoseconds)):set_generated()
+    -- A response may be stamped before its request: both parts of a time have its sign.
+    local nanoseconds = math.floor(exchange.taken * 1e9 + 0.5)
+    local seconds = math.modf(nanoseconds / 1e9)
+    tree:add(f.response_time, NSTime.new(seconds, nanoseconds - seconds * 1e9)):set_generated()
 end
 
 -- A daemon's own messages need not be those of dmond: the announced length must fit, or the command
