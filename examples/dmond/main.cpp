@@ -4,25 +4,23 @@
 // create a context, register a command handler, open the transports, wait, take everything down.
 
 #include "commands.h"
-#include "dm_hdc.h"
-#include "dm_ipc.h"
 #include "dm_msg_intf.h"
-#include "dm_udp.h"
+#include "endpoint.h"
 #include "sampler.h"
-#include "udp_endpoint.h"
 
 #include <CLI/CLI.hpp>
 
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace {
+
+using example::Endpoint;
 
 constexpr int kWrongUsage = 2;
 constexpr int kCannotOpen = 3;
@@ -61,7 +59,7 @@ void wait_for_end(const sigset_t& signals, dmond::Sampler& sampler, const timesp
 // Where to listen.
 struct Transports {
     std::string udp;
-    std::optional<sockaddr_in> udp_endpoint;
+    std::optional<Endpoint> udp_endpoint;
     std::optional<std::uint16_t> hdc;
     std::optional<std::uint16_t> ipc;
 };
@@ -82,66 +80,25 @@ public:
             dm_intf_deregister(intf);
     }
 
-    // Gives 0 or the status of the one that could not be opened.
+    // Gives 0, or says which one could not be opened and gives the exit status.
     int open(const Transports& transports) {
-        if (transports.udp_endpoint)
-            if (const int status = open_udp(*transports.udp_endpoint); status != 0)
-                return fail(status, transports.udp);
-        if (transports.hdc)
-            if (const int status = open_hdc(*transports.hdc); status != 0)
-                return fail(status, "hdc://" + std::to_string(*transports.hdc));
-        if (transports.ipc)
-            if (const int status = open_ipc(*transports.ipc); status != 0)
-                return fail(status, "ipc://" + std::to_string(*transports.ipc));
-        return 0;
+        try {
+            if (transports.udp_endpoint)
+                open(*transports.udp_endpoint);
+            if (transports.hdc)
+                open(Endpoint::hdc(*transports.hdc));
+            if (transports.ipc)
+                open(Endpoint::ipc(*transports.ipc));
+            return 0;
+        } catch (const std::runtime_error& error) {
+            return fail(kCannotOpen, error.what());
+        }
     }
 
 private:
-    static int fail(int status, const std::string& url) {
-        return ::fail(kCannotOpen, "cannot open " + url + ": " + std::strerror(std::abs(status)));
-    }
-
-    int open_udp(const sockaddr_in& endpoint) {
-        DM_INTF_ST* intf = nullptr;
-        DM_ADDR_ST address = udp::to_address(endpoint);
-        const int status = dm_udp_init(&intf, context_, nullptr, &address, nullptr, 0);
-        if (status != 0)
-            return status;
-        opened_.push_back(intf);
-        announce("udp://" + udp::endpoint_text(udp::bound_endpoint(*intf)));
-        return 0;
-    }
-
-    int open_hdc(std::uint16_t device) {
-        DM_HDC_ADDR_ST own{};
-        own.kind = DM_KIND_HDC;
-        own.family = DM_FAMILY_HDC;
-        own.role = DM_HDC_SERVER;
-        own.dev_id = device;
-        own.intf_num = device;
-        DM_ADDR_ST address{};
-        std::memcpy(&address, &own, sizeof address);
-        DM_INTF_ST* intf = nullptr;
-        const int status = dm_hdc_init(&intf, context_, nullptr, &address, nullptr, 0);
-        if (status != 0)
-            return status;
-        opened_.push_back(intf);
-        announce("hdc://" + std::to_string(device));
-        return 0;
-    }
-
-    int open_ipc(std::uint16_t device) {
-        DM_ADDR_ST address{};
-        address.kind = DM_KIND_IPC;
-        address.family = DM_FAMILY_IPC;
-        address.peer_id = device;
-        DM_INTF_ST* intf = nullptr;
-        const int status = dm_ipc_init(&intf, context_, nullptr, &address, nullptr, 0);
-        if (status != 0)
-            return status;
-        opened_.push_back(intf);
-        announce("ipc://" + std::to_string(device));
-        return 0;
+    void open(const Endpoint& endpoint) {
+        opened_.push_back(&endpoint.open(*context_, Endpoint::Role::server, nullptr));
+        announce(Endpoint::bound(*opened_.back()).url());
     }
 
     DM_CB_ST* context_;
@@ -205,7 +162,7 @@ int run_command_line(int argc, char** argv) {
 
     if (transports.udp.empty() && !transports.hdc && !transports.ipc)
         return fail(kWrongUsage, "nowhere to listen: give --udp, --hdc or --ipc");
-    transports.udp_endpoint = udp::parse_endpoint(transports.udp);
+    transports.udp_endpoint = Endpoint::parse_udp(transports.udp);
     if (!transports.udp.empty() && !transports.udp_endpoint)
         return fail(kWrongUsage, "--udp takes an IPv4 address and a port, such as 127.0.0.1:7400");
     return run(transports, {interval_ms / 1000, interval_ms % 1000 * 1000000L});

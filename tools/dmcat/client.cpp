@@ -6,7 +6,7 @@
 namespace dmcat {
 
 std::unique_ptr<Client> Client::open(const Options& options) {
-    if (options.endpoint.transport == Endpoint::Transport::ipc)
+    if (options.endpoint.transport() == Endpoint::Transport::ipc)
         return std::make_unique<IpcClient>(options);
     return std::make_unique<RequestClient>(options);
 }

@@ -1,13 +1,7 @@
 #include "context.h"
 
-#include "dm_hdc.h"
-#include "dm_ipc.h"
-#include "dm_udp.h"
-
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
 #include <pthread.h>
 #include <stdexcept>
 #include <string>
@@ -60,26 +54,9 @@ void Context::handle_requests(DM_MSG_HANDLER handler, void* user_data) {
             "cannot register the command handler");
 }
 
-int Context::init(const Endpoint& own, Role role, DM_DATA_HANDLER timeout_hndl) {
-    DM_ADDR_ST address = own.address();
-    if (own.transport == Endpoint::Transport::udp)
-        return dm_udp_init(&intf_, dm_, timeout_hndl, &address, nullptr, 0);
-    if (own.transport == Endpoint::Transport::ipc)
-        return dm_ipc_init(&intf_, dm_, timeout_hndl, &address, nullptr, 0);
-    DM_HDC_ADDR_ST hdc{};
-    std::memcpy(&hdc, &address, sizeof hdc);
-    hdc.role = role == Role::server ? DM_HDC_SERVER : DM_HDC_CLIENT;
-    hdc.intf_num = own.device;
-    std::memcpy(&address, &hdc, sizeof hdc);
-    return dm_hdc_init(&intf_, dm_, timeout_hndl, &address, nullptr, 0);
-}
-
-DM_INTF_ST& Context::open(const Endpoint& own, Role role, DM_DATA_HANDLER timeout_hndl) {
-    const int status = init(own, role, timeout_hndl);
-    require(status, "cannot open " + own.url() +
-                        (own.transport == Endpoint::Transport::udp
-                             ? std::string(": ") + std::strerror(std::abs(status))
-                             : ", code " + std::to_string(status)));
+DM_INTF_ST& Context::open(const Endpoint& endpoint, Endpoint::Role role,
+                          DM_DATA_HANDLER timeout_hndl) {
+    intf_ = &endpoint.open(*dm_, role, timeout_hndl);
     await_next_pass();
     return *intf_;
 }

@@ -10,6 +10,8 @@
 
 namespace dmcat {
 
+using example::Endpoint;
+
 // Functions that can fail throw std::runtime_error.
 class Context {
 public:
@@ -28,8 +30,7 @@ public:
     // Gives the interface, which stays the context's, once the poll thread watches it. What arrived
     // before would lie unread until the thread's wait ends, and its round trip would be too long.
     // `timeout_hndl` is dm_udp_init()'s and the others'.
-    enum class Role { client, server };
-    DM_INTF_ST& open(const Endpoint& own, Role role, DM_DATA_HANDLER timeout_hndl);
+    DM_INTF_ST& open(const Endpoint& endpoint, Endpoint::Role role, DM_DATA_HANDLER timeout_hndl);
 
     // For timers.
     POLLER_ST* poller() const { return dm_->poller; }
@@ -38,7 +39,6 @@ private:
     // The public constructor delegates to it, so that the destructor follows when that one fails.
     Context() = default;
 
-    int init(const Endpoint& own, Role role, DM_DATA_HANDLER timeout_hndl);
     void await_next_pass();
     static int pass_ended(std::uint32_t interval_ms, std::int32_t elapsed_ms, void* user_data,
                           std::uint32_t user_data_len);

@@ -38,7 +38,7 @@ IpcClient::IpcClient(const Options& options)
       timeout_ms_(options.timeout_ms), first_sequence_(std::random_device()()),
       context_([this] { mailbox_.stop(); }),
       intf_((context_.handle_requests(on_message, this),
-             context_.open(options.endpoint, Context::Role::client, nullptr))) {}
+             context_.open(options.endpoint, Endpoint::Role::client, nullptr))) {}
 
 void IpcClient::send(std::uint32_t sequence, std::string message) {
     const std::uint32_t wire_sequence = first_sequence_ + sequence;

@@ -3,7 +3,6 @@
 #include "context.h"
 #include "exit_status.h"
 #include "mailbox.h"
-#include "udp_endpoint.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -36,11 +35,8 @@ int run_listener(const Options& options) {
     Echoes echoes;
     Context context([&echoes] { echoes.stop(); });
     context.handle_requests(echo, &echoes);
-    const DM_INTF_ST& intf = context.open(options.endpoint, Context::Role::server, nullptr);
-    Endpoint bound = options.endpoint;
-    if (bound.transport == Endpoint::Transport::udp)
-        bound.socket = udp::bound_endpoint(intf); // with the port that the system chose
-    std::fprintf(stderr, "dmcat: listening on %s\n", bound.url().c_str());
+    const DM_INTF_ST& intf = context.open(options.endpoint, Endpoint::Role::server, nullptr);
+    std::fprintf(stderr, "dmcat: listening on %s\n", Endpoint::bound(intf).url().c_str());
 
     std::uint64_t answered = 0;
     const std::uint64_t wanted = options.series ? options.count : 0;

@@ -83,9 +83,8 @@ std::optional<dmond::Command> to_command(const std::string& text) {
 }
 
 Endpoint to_endpoint(const std::string& url, bool any_port) {
-    const auto endpoint = parse_url(url);
-    const bool udp = endpoint && endpoint->transport == Transport::udp;
-    if (endpoint && (!udp || any_port || endpoint->socket.sin_port != 0))
+    const auto endpoint = Endpoint::parse(url);
+    if (endpoint && (any_port || endpoint->can_be_peer()))
         return *endpoint;
     throw UsageError("'" + url + "' is not udp://ADDR:PORT with an IPv4 address or localhost and " +
                      "a port from " + (any_port ? "0" : "1") + " to 65535, nor hdc://N or ipc://N");
@@ -217,7 +216,7 @@ void complete_client(Options& options, const Line& line) {
         throw UsageError("unexpected '" + line.block + "'");
     if (!options.command && !line.data && !line.hex && !line.file)
         throw UsageError("nothing to send: give a command or a payload");
-    const bool ipc = options.endpoint.transport == Transport::ipc;
+    const bool ipc = options.endpoint.transport() == Transport::ipc;
     if (ipc && !options.command)
         throw UsageError("only commands can be sent on ipc://");
     const std::size_t max_len = ipc ? DM_IPC_MAX_LEN : DM_MAX_DATA_LEN;
@@ -227,13 +226,13 @@ void complete_client(Options& options, const Line& line) {
 void complete_listener(Options& options, const Line& line) {
     options.endpoint = to_endpoint(line.listen, true);
     // What is echoed on a channel without types would be echoed for ever.
-    if (options.endpoint.transport == Transport::ipc)
+    if (options.endpoint.transport() == Transport::ipc)
         throw UsageError("ipc:// cannot be listened on");
 }
 
 // A sending over HDC keeps trying by itself, as long as it is given time.
 void complete_times(Options& options, const Parser& parser) {
-    if (options.listen || options.endpoint.transport != Transport::hdc)
+    if (options.listen || options.endpoint.transport() != Transport::hdc)
         return;
     if (parser.timeout->count() == 0)
         options.timeout_ms = 20000;

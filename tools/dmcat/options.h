@@ -11,6 +11,8 @@
 
 namespace dmcat {
 
+using example::Endpoint;
+
 struct Options {
     enum class Smbus { no, send, receive };
 

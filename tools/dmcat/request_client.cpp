@@ -1,8 +1,5 @@
 #include "request_client.h"
 
-#include "udp_endpoint.h"
-
-#include <arpa/inet.h>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -22,17 +19,6 @@ struct Sent {
     Clock::time_point time;
 };
 
-// Where the answers come. A UDP peer on this machine is sent to from this machine's own address,
-// which others cannot reach.
-Endpoint own_endpoint(const Endpoint& peer) {
-    Endpoint own = peer;
-    own.socket.sin_family = AF_INET;
-    own.socket.sin_port = 0;
-    own.socket.sin_addr.s_addr =
-        htonl(udp::is_loopback(peer.socket) ? INADDR_LOOPBACK : INADDR_ANY);
-    return own;
-}
-
 // The response that a time-out makes. on_response() tells it by the interface that brings it, so
 // the byte says nothing; but an empty response would not arrive.
 int answer_timeout(DM_DATA_ST* /*req_data*/, DM_DATA_ST* rsp_data) {
@@ -47,7 +33,7 @@ Reply make_reply(const DM_INTF_ST& intf, const DM_MSG_ST& msg) {
         reply.kind = Reply::Kind::timed_out;
         return reply;
     }
-    reply.from = source_url(*msg.addr);
+    reply.from = Endpoint::source(*msg.addr).url();
     if (msg.data.data_len > DM_MAX_DATA_LEN)
         reply.kind = Reply::Kind::oversized;
     else
@@ -59,9 +45,9 @@ Reply make_reply(const DM_INTF_ST& intf, const DM_MSG_ST& msg) {
 
 RequestClient::RequestClient(const Options& options)
     : peer_(options.endpoint.address()),
-      send_blocks_(options.endpoint.transport == Endpoint::Transport::hdc),
+      send_blocks_(options.endpoint.transport() == Endpoint::Transport::hdc),
       context_([this] { mailbox_.stop(); }),
-      intf_(context_.open(own_endpoint(options.endpoint), Context::Role::client, answer_timeout)) {
+      intf_(context_.open(options.endpoint, Endpoint::Role::client, answer_timeout)) {
     if (intf_.set_retry(&intf_, options.retry, options.timeout_ms) != 0)
         throw std::runtime_error("cannot set the time-out");
 }
