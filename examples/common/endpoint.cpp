@@ -3,6 +3,7 @@
 #include "dm_hdc.h"
 #include "dm_ipc.h"
 #include "dm_udp.h"
+#include "platform_hal_codes.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -184,18 +185,28 @@ DM_INTF_ST& Endpoint::open(DM_CB_ST& context, Role role, DM_DATA_HANDLER timeout
         }
     };
     if (const int status = init(); status != 0)
-        throw std::runtime_error("cannot open " + url() + ": " + reason(status));
+        throw std::runtime_error("cannot open " + url() + ": " + why_not_open(status));
     return *intf;
 }
 
-// Positive codes of HDC are the HAL's, which are no errno numbers.
-std::string Endpoint::reason(int status) const {
+std::string Endpoint::why_not_open(int status) const {
     if (status == -1)
         return transport_ == Transport::ipc ? "the device manager gives no channel"
                                             : "no thread can be started";
-    if (transport_ == Transport::hdc && status > 0)
-        return "the HAL's code " + std::to_string(status);
-    return std::strerror(std::abs(status));
+    return explain(status);
+}
+
+std::string Endpoint::why_not_sent(int status) const {
+    if (status == -1 && transport_ == Transport::hdc)
+        return "the answer is malformed";
+    return explain(status);
+}
+
+// HDC and the device manager hand on the codes of the HAL, most of which lie above errno numbers.
+std::string Endpoint::explain(int status) const {
+    const bool hal =
+        transport_ != Transport::udp && (status == HAL_HDC_TIMEOUT || status == HAL_HDC_NOT_READY);
+    return hal || status >= HAL_ERR_FIRST ? hal_strerror(status) : std::strerror(std::abs(status));
 }
 
 } // namespace example

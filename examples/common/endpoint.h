@@ -53,12 +53,16 @@ public:
     // and the reason.
     DM_INTF_ST& open(DM_CB_ST& context, Role role, DM_DATA_HANDLER timeout_hndl) const;
 
+    // What a result of an interface's send_msg means that is not 0.
+    std::string why_not_sent(int status) const;
+
 private:
     Endpoint(Transport transport, const sockaddr_in& socket, std::uint32_t device)
         : transport_(transport), socket_(socket), device_(device) {}
 
     DM_ADDR_ST own_address(Role role) const;
-    std::string reason(int status) const;
+    std::string why_not_open(int status) const;
+    std::string explain(int status) const;
 
     Transport transport_ = Transport::udp;
     sockaddr_in socket_{};     // of udp, ip(7)
