@@ -106,4 +106,30 @@ TEST(Dmcat, SumsUpASeriesToOnePercent) {
     EXPECT_EQ(summary.at("max"), times[99]);
 }
 
+TEST(Dmcat, ShowsATerminalNothingThatControlsIt) {
+    UdpSocket peer;
+    const auto info_on_terminal = [&](std::string_view body) {
+        // script(1) gives the program a terminal, and its status.
+        Child terminal(
+            {"/usr/bin/script", "-qec", DMCAT " " + peer.url() + " info --retry 0", "/dev/null"});
+        DM_UDP_MSG_ST datagram;
+        EXPECT_TRUE(peer.receive(datagram));
+        answer(peer, datagram, body);
+        return terminal.wait();
+    };
+    const Outcome text = info_on_terminal("\"Z\u00fcrich \u009b\u202e\x7f\"");
+    EXPECT_EQ(text.out, "\"Z\u00fcrich \\u009b\\u202e\\u007f\"\r\n");
+    EXPECT_EQ(text.status, 0);
+    const Outcome bytes = info_on_terminal("\x1b[2J\r\xc2\xff");
+    EXPECT_EQ(bytes.out, "\\u001b[2J\\u000d\\xc2\\xff\r\ndmcat: " + peer.url() +
+                             " answered with a body that is not JSON\r\n");
+    EXPECT_EQ(bytes.status, 4);
+}
+
+TEST(Dmcat, SaysWhatItLacks) {
+    const Outcome full = run({"/bin/sh", "-c", DMCAT " --version >/dev/full"});
+    EXPECT_EQ(full.status, 3);
+    EXPECT_EQ(full.err, "dmcat: cannot write: No space left on device\n");
+}
+
 } // namespace

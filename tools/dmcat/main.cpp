@@ -7,6 +7,7 @@
 #include "series.h"
 #include "smbus.h"
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -23,6 +24,8 @@ int fail(int exit_status, const std::exception& error) {
 int main(int argc, char** argv) {
     // dmcat itself says what fails. Whoever wants the library's log lines as well sets the level.
     setenv("DM_LOG_LEVEL", "none", 0);
+    // A reader that goes is a failed write like any other.
+    std::signal(SIGPIPE, SIG_IGN);
     try {
         const auto options = dmcat::parse_options(argc, argv);
         if (!options)

@@ -3,6 +3,7 @@
 #include "dm_ipc.h"
 #include "dm_smbus.h"
 #include "exit_status.h"
+#include "output.h"
 #include "payload.h"
 
 #include <CLI/CLI.hpp>
@@ -10,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <sstream>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -55,9 +57,11 @@ Exit status:
   0  answered, each request of a series
   1  timed out, at least one request, or interrupted before any answer
   2  wrong usage
-  3  cannot open, send, read or write
-  4  answered, but at least once with an error status or with no message of a dmond)";
+  3  cannot open, read or write, or cannot send
+  4  answered, but at least once with an error status, with no message of a dmond, or with
+     a body that is not the JSON that the command asks for)";
 
+using example::Endpoint;
 using Transport = Endpoint::Transport;
 
 // The values as they stand on the command line.
@@ -247,7 +251,9 @@ std::optional<Options> parse_options(int argc, char** argv) {
     try {
         parser.app.parse(argc, argv);
     } catch (const CLI::Success& help_or_version) {
-        parser.app.exit(help_or_version);
+        std::ostringstream text;
+        parser.app.exit(help_or_version, text, text);
+        print(text.str());
         return std::nullopt;
     } catch (const CLI::ParseError& error) {
         throw UsageError(error.what());

@@ -1,26 +1,17 @@
 #include "report.h"
 
 #include "exit_status.h"
+#include "output.h"
 #include "payload.h"
+#include "printable.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <system_error>
-#include <unistd.h>
+#include <string_view>
 
 namespace dmcat {
 
 namespace {
-
-void print(const std::string& text) {
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0)
-        throw std::system_error(errno, std::generic_category(), "cannot write");
-}
-
-void print_error(const std::string& text) {
-    std::fprintf(stderr, "dmcat: %s\n", text.c_str());
-}
 
 std::string to_ms(std::chrono::microseconds time) {
     char text[32];
@@ -38,10 +29,14 @@ bool is_ascii_text(std::string_view bytes) {
     });
 }
 
-// A body is JSON when the command says so, and then becomes a part of the object as it is.
+// A body is JSON when the command says so; discarded if it is not.
+Json parse_body(std::string_view body, std::optional<dmond::Command> command) {
+    return is_json(command) ? Json::parse(body, nullptr, false) : Json(Json::value_t::discarded);
+}
+
+// JSON becomes a part of the object as it is.
 void put_body(Json& object, std::string_view body, std::optional<dmond::Command> command) {
-    const bool bytes = !command || *command == dmond::Command::ping;
-    Json json = bytes ? Json(Json::value_t::discarded) : Json::parse(body, nullptr, false);
+    Json json = parse_body(body, command);
     if (!json.is_discarded())
         object["body"] = std::move(json);
     else if (is_ascii_text(body))
@@ -97,7 +92,7 @@ void Report::add_answer(const Reply& reply) {
         print_json(object);
     } else if (options_.series) {
         print_line(reply, answer);
-    } else if (answer.error.empty()) {
+    } else if (answer.has_body) {
         print_body(answer);
     }
     if (!options_.series && !answer.error.empty())
@@ -106,11 +101,11 @@ void Report::add_answer(const Reply& reply) {
 
 // As it came; on a terminal so that it can be read.
 void Report::print_body(const Answer& answer) {
-    if (isatty(STDOUT_FILENO) != 1)
-        return print(std::string(answer.body));
-    const auto json = options_.command ? Json::parse(answer.body, nullptr, false)
-                                       : Json(Json::value_t::discarded);
-    print((json.is_discarded() ? std::string(answer.body) : json_text(json, 2)) + "\n");
+    if (!prints_to_terminal())
+        return print(answer.body);
+    const Json json = parse_body(answer.body, options_.command);
+    const std::string text = json.is_discarded() ? std::string(answer.body) : json_text(json, 2);
+    print(printable(text, Lines::kept) + "\n");
 }
 
 void Report::print_line(const Reply& reply, const Answer& answer) {
@@ -120,7 +115,8 @@ void Report::print_line(const Reply& reply, const Answer& answer) {
 }
 
 void Report::print_json(const Json& object) {
-    print(json_text(object, -1) + "\n");
+    const std::string text = json_text(object, -1);
+    print((prints_to_terminal() ? printable(text, Lines::kept) : text) + "\n");
 }
 
 void Report::finish() {
@@ -137,7 +133,7 @@ int Report::exit_status() const {
 
 void Report::print_summary() {
     const double loss =
-        done() == 0 ? 0 : static_cast<double>(timed_out_) / static_cast<double>(done());
+        done() == 0 ? 0 : static_cast<double>(done() - answered_) / static_cast<double>(done());
     Json summary{{"requests", done()}, {"answers", answered_}, {"errors", wrong_}, {"loss", loss}};
     char text[128];
     std::snprintf(text, sizeof text, "%.1f%% loss\n", loss * 100);
