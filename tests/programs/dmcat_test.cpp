@@ -19,7 +19,7 @@ dmond::Header header_of(const DM_UDP_MSG_ST& datagram) {
 }
 
 // Answers as dmond does.
-void answer(const UdpSocket& peer, DM_UDP_MSG_ST datagram, std::string_view body = {}) {
+void answer(const UdpSocket& peer, DM_UDP_MSG_ST datagram, std::string_view body = "") {
     const dmond::Header header{0, header_of(datagram).sequence,
                                static_cast<std::uint32_t>(body.size())};
     std::memcpy(datagram.data, &header, sizeof header);
@@ -130,6 +130,13 @@ TEST(Dmcat, SaysWhatItLacks) {
     const Outcome full = run({"/bin/sh", "-c", DMCAT " --version >/dev/full"});
     EXPECT_EQ(full.status, 3);
     EXPECT_EQ(full.err, "dmcat: cannot write: No space left on device\n");
+#ifndef __SANITIZE_THREAD__ // needs its addresses
+    // A thread gets a stack as large as the limit.
+    const Outcome threads =
+        run({"/usr/bin/prlimit", "--stack=70368744177664", DMCAT, "hdc://0", "ping"});
+    EXPECT_EQ(threads.status, 3);
+    EXPECT_EQ(threads.err, "dmcat: cannot start a thread: Resource temporarily unavailable\n");
+#endif
 }
 
 } // namespace

@@ -2,8 +2,8 @@
 #ifndef DMCAT_MESSAGE_H
 #define DMCAT_MESSAGE_H
 
-#include "client.h"
 #include "dmond_protocol.h"
+#include "link.h"
 
 #include <cstdint>
 #include <optional>

@@ -38,11 +38,12 @@ and the reply is printed as it came. --listen --echo answers such messages; what
 back to a command is no answer of a dmond.
 
 A request that is not answered is sent RETRY more times, TIMEOUT ms apart. A series does not
-wait for a reply before it sends the next request, unless the interval is 0. SIGINT ends it,
-and requests under way are not counted then. Round trips are measured from the first sending.
+wait for a reply before it sends the next request, unless the interval is 0, and goes on when
+one cannot be sent. SIGINT ends it, and requests under way are not counted then. Round trips
+are measured from the first sending; their percentiles are right to 1 %.
 
 On HDC a request that finds no server keeps trying until it times out; by default it is sent
-once and waits 20 s. On IPC a message has at most 32 bytes, so a body has 20, and only commands
+once and waits 20 s. At most 32 are under way at a time, and others wait for their turn. On IPC a message has at most 32 bytes, so a body has 20, and only commands
 can be sent. "dmcat smbus send HEX" writes a block of at most 32 bytes to the device on the
 SMBus, and "dmcat smbus recv" reads one.
 
@@ -57,7 +58,7 @@ Exit status:
   0  answered, each request of a series
   1  timed out, at least one request, or interrupted before any answer
   2  wrong usage
-  3  cannot open, read or write, or cannot send
+  3  cannot open, read or write, or cannot send a request
   4  answered, but at least once with an error status, with no message of a dmond, or with
      a body that is not the JSON that the command asks for)";
 

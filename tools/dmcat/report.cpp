@@ -56,6 +56,8 @@ void Report::add(const Reply& reply) {
     progress_.clear();
     if (reply.kind == Reply::Kind::timed_out)
         add_timeout(reply);
+    else if (reply.kind == Reply::Kind::not_sent)
+        add_unsent(reply);
     else
         add_answer(reply);
     show_progress();
@@ -72,6 +74,17 @@ void Report::add_timeout(const Reply& reply) {
         print("no answer: seq=" + std::to_string(reply.sequence) + " " + sendings() + "\n");
     if (!options_.series)
         print_error("no answer from " + options_.url + ": " + sendings());
+}
+
+void Report::add_unsent(const Reply& reply) {
+    ++unsent_;
+    const std::string reason = options_.endpoint.why_not_sent(reply.status);
+    if (options_.json)
+        print_json({{"seq", reply.sequence}, {"not_sent", true}, {"error", reason}});
+    else if (options_.series)
+        print("not sent: seq=" + std::to_string(reply.sequence) + " (" + reason + ")\n");
+    if (!options_.series)
+        print_error("cannot send to " + options_.url + ": " + reason);
 }
 
 void Report::add_answer(const Reply& reply) {
@@ -126,6 +139,8 @@ void Report::finish() {
 }
 
 int Report::exit_status() const {
+    if (unsent_ != 0)
+        return kCannotWork;
     if (timed_out_ != 0 || answered_ == 0)
         return kTimedOut;
     return wrong_ != 0 ? kRefused : kAnswered;
@@ -134,12 +149,17 @@ int Report::exit_status() const {
 void Report::print_summary() {
     const double loss =
         done() == 0 ? 0 : static_cast<double>(done() - answered_) / static_cast<double>(done());
-    Json summary{{"requests", done()}, {"answers", answered_}, {"errors", wrong_}, {"loss", loss}};
+    Json summary{{"requests", done()},
+                 {"answers", answered_},
+                 {"errors", wrong_},
+                 {"not_sent", unsent_},
+                 {"loss", loss}};
     char text[128];
     std::snprintf(text, sizeof text, "%.1f%% loss\n", loss * 100);
     std::string lines = "--- " + options_.url + " ---\n" + std::to_string(done()) + " requests, " +
                         std::to_string(answered_) + " answers, " +
-                        (wrong_ == 0 ? "" : std::to_string(wrong_) + " of them errors, ") + text;
+                        (wrong_ == 0 ? "" : std::to_string(wrong_) + " of them errors, ") +
+                        (unsent_ == 0 ? "" : std::to_string(unsent_) + " not sent, ") + text;
     if (!round_trips_.empty()) {
         const auto [min, median, p99, max] = round_trips_.summary();
         summary["rtt_us"] = {{"min", min.count()},
@@ -162,7 +182,7 @@ void Report::show_progress() {
     if (options_.count != 0)
         text += " of " + std::to_string(options_.count);
     progress_.show(text + " sent, " + std::to_string(answered_) + " answered, " +
-                   std::to_string(timed_out_) + " lost");
+                   std::to_string(timed_out_ + unsent_) + " lost");
 }
 
 std::string Report::sendings() const {
