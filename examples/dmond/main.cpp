@@ -5,14 +5,10 @@
 
 #include "commands.h"
 #include "dead_queues.h"
-#include "dm_hdc.h"
-#include "dm_ipc.h"
 #include "dm_msg_intf.h"
-#include "dm_udp.h"
+#include "endpoint.h"
 #include "opening.h"
-#include "platform_hal_codes.h"
 #include "sampler.h"
-#include "udp_endpoint.h"
 
 #include <CLI/CLI.hpp>
 
@@ -21,20 +17,19 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <fcntl.h>
-#include <functional>
 #include <list>
 #include <mutex>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <sys/prctl.h>
 #include <unistd.h>
 #include <vector>
 
 namespace {
+
+using example::Endpoint;
 
 constexpr int kWrongUsage = 2;
 constexpr int kCannotOpen = 3;
@@ -125,14 +120,6 @@ private:
     Clock::time_point next_sample_ = Clock::now() + interval_;
 };
 
-// Where to listen.
-struct Transports {
-    std::string udp;
-    std::optional<sockaddr_in> udp_endpoint;
-    std::optional<std::uint16_t> hdc;
-    std::optional<std::uint16_t> ipc;
-};
-
 void announce(const std::string& url) {
     std::printf("dmond: listening on %s\n", url.c_str());
     std::fflush(stdout);
@@ -152,16 +139,10 @@ public:
 
     // Opens one after the other. One that takes long goes on beside the next ones, and beside the
     // service. True when a signal ended the service meanwhile.
-    bool open(const Transports& transports, MainLoop& loop) {
-        if (transports.udp_endpoint && open("udp://" + transports.udp, loop, [this, &transports] {
-                return open_udp(*transports.udp_endpoint);
-            }))
-            return true;
-        if (transports.hdc && open("hdc://" + std::to_string(*transports.hdc), loop,
-                                   [this, &transports] { return open_hdc(*transports.hdc); }))
-            return true;
-        return transports.ipc && open("ipc://" + std::to_string(*transports.ipc), loop,
-                                      [this, &transports] { return open_ipc(*transports.ipc); });
+    bool open(const std::vector<Endpoint>& endpoints, MainLoop& loop) {
+        return std::any_of(endpoints.begin(), endpoints.end(), [&](const Endpoint& endpoint) {
+            return !has_failed() && open(endpoint, loop);
+        });
     }
 
     bool has_failed() const { return std::any_of(openings_.begin(), openings_.end(), is_failed); }
@@ -177,76 +158,22 @@ private:
         return opening.has_ended() && !opening.failure().empty();
     }
 
-    bool open(const std::string& url, MainLoop& loop, const std::function<int()>& init) {
-        if (has_failed())
-            return false;
+    bool open(const Endpoint& endpoint, MainLoop& loop) {
         const dmond::Opening& opening = openings_.emplace_back(
-            [url, init] {
-                if (const int status = init(); status != 0)
-                    throw std::runtime_error("cannot open " + url + ": " + reason(status));
-            },
+            [this, endpoint] { add(endpoint.open(*context_, Endpoint::Role::server, nullptr)); },
             [] { kill(getpid(), kOpeningEnded); });
         if (loop.run_while([&opening] { return !opening.has_ended(); },
                            MainLoop::Clock::now() + kMoment))
             return true;
         if (!opening.has_ended())
-            std::fprintf(stderr, "dmond: waiting for %s\n", url.c_str());
+            std::fprintf(stderr, "dmond: waiting for %s\n", endpoint.url().c_str());
         return false;
     }
 
-    // The HAL's codes lie above the errno numbers.
-    static std::string reason(int status) {
-        if (status == -1)
-            return "the system refuses it a channel or a thread";
-        return status >= HAL_ERR_FIRST ? hal_strerror(status) : std::strerror(std::abs(status));
-    }
-
-    void add(DM_INTF_ST* intf) {
+    void add(DM_INTF_ST& intf) {
         const std::lock_guard lock(mutex_);
-        opened_.push_back(intf);
-    }
-
-    int open_udp(const sockaddr_in& endpoint) {
-        DM_INTF_ST* intf = nullptr;
-        DM_ADDR_ST address = udp::to_address(endpoint);
-        const int status = dm_udp_init(&intf, context_, nullptr, &address, nullptr, 0);
-        if (status != 0)
-            return status;
-        add(intf);
-        announce("udp://" + udp::endpoint_text(udp::bound_endpoint(*intf)));
-        return 0;
-    }
-
-    int open_hdc(std::uint16_t device) {
-        DM_HDC_ADDR_ST own{};
-        own.kind = DM_KIND_HDC;
-        own.family = DM_FAMILY_HDC;
-        own.role = DM_HDC_SERVER;
-        own.dev_id = device;
-        own.intf_num = device;
-        DM_ADDR_ST address{};
-        std::memcpy(&address, &own, sizeof address);
-        DM_INTF_ST* intf = nullptr;
-        const int status = dm_hdc_init(&intf, context_, nullptr, &address, nullptr, 0);
-        if (status != 0)
-            return status;
-        add(intf);
-        announce("hdc://" + std::to_string(device));
-        return 0;
-    }
-
-    int open_ipc(std::uint16_t device) {
-        DM_ADDR_ST address{};
-        address.kind = DM_KIND_IPC;
-        address.family = DM_FAMILY_IPC;
-        address.peer_id = device;
-        DM_INTF_ST* intf = nullptr;
-        const int status = dm_ipc_init(&intf, context_, nullptr, &address, nullptr, 0);
-        if (status != 0)
-            return status;
-        add(intf);
-        announce("ipc://" + std::to_string(device));
-        return 0;
+        opened_.push_back(&intf);
+        announce(Endpoint::bound(intf).url());
     }
 
     DM_CB_ST* context_;
@@ -256,7 +183,7 @@ private:
 };
 
 // Opens the transports, and answers requests until a signal ends the service.
-int serve(DM_CB_ST* context, const Transports& transports, const sigset_t& signals,
+int serve(DM_CB_ST* context, const std::vector<Endpoint>& endpoints, const sigset_t& signals,
           dmond::Sampler& sampler, MainLoop::Clock::duration interval) {
     // The user data is copied, so what is registered is the handler's address. The handler comes
     // before the transports: no request finds the context without one.
@@ -269,7 +196,7 @@ int serve(DM_CB_ST* context, const Transports& transports, const sigset_t& signa
     // Requests are answered on the context's poll thread.
     Interfaces interfaces(context);
     MainLoop loop(signals, sampler, interval);
-    if (!interfaces.open(transports, loop))
+    if (!interfaces.open(endpoints, loop))
         loop.run_while([&interfaces] { return !interfaces.has_failed(); });
     const int exit_status = interfaces.exit_status();
     end_in_time(exit_status);
@@ -277,7 +204,7 @@ int serve(DM_CB_ST* context, const Transports& transports, const sigset_t& signa
     return exit_status;
 }
 
-int run(const Transports& transports, MainLoop::Clock::duration interval) {
+int run(const std::vector<Endpoint>& endpoints, MainLoop::Clock::duration interval) {
     survive_readers();
     prctl(PR_SET_NAME, dmond::kProcessName);
     dmond::remove_dead_queues();
@@ -286,7 +213,7 @@ int run(const Transports& transports, MainLoop::Clock::duration interval) {
     DM_CB_ST* context = nullptr;
     if (dm_init(&context) != 0)
         return fail(kCannotOpen, "cannot start the message framework");
-    const int exit_status = serve(context, transports, signals, sampler, interval);
+    const int exit_status = serve(context, endpoints, signals, sampler, interval);
     dm_destroy(context);
     return exit_status;
 }
@@ -294,11 +221,13 @@ int run(const Transports& transports, MainLoop::Clock::duration interval) {
 int run_command_line(int argc, char** argv) {
     CLI::App app("Answers requests for the state of this machine, until SIGINT or SIGTERM. "
                  "SIGHUP begins its sampling anew.");
-    Transports transports;
-    app.add_option("--udp", transports.udp, "Listen here; port 0 lets the system choose one")
+    std::string udp;
+    std::optional<std::uint16_t> hdc;
+    std::optional<std::uint16_t> ipc;
+    app.add_option("--udp", udp, "Listen here; port 0 lets the system choose one")
         ->type_name("ADDR:PORT");
-    app.add_option("--hdc", transports.hdc, "Be the HDC server of this device id")->type_name("N");
-    app.add_option("--ipc", transports.ipc, "Answer on the device manager's channel for this id")
+    app.add_option("--hdc", hdc, "Be the HDC server of this device id")->type_name("N");
+    app.add_option("--ipc", ipc, "Answer on the device manager's channel for this id")
         ->type_name("N");
     std::uint32_t interval_ms = 10000;
     app.add_option("--interval", interval_ms, "Take the readings this often, when nobody asks")
@@ -315,12 +244,21 @@ int run_command_line(int argc, char** argv) {
         return fail(kWrongUsage, error.what());
     }
 
-    if (transports.udp.empty() && !transports.hdc && !transports.ipc)
+    std::vector<Endpoint> endpoints;
+    if (!udp.empty()) {
+        const auto endpoint = Endpoint::parse_udp(udp);
+        if (!endpoint)
+            return fail(kWrongUsage,
+                        "--udp takes an IPv4 address and a port, such as 127.0.0.1:7400");
+        endpoints.push_back(*endpoint);
+    }
+    if (hdc)
+        endpoints.push_back(Endpoint::hdc(*hdc));
+    if (ipc)
+        endpoints.push_back(Endpoint::ipc(*ipc));
+    if (endpoints.empty())
         return fail(kWrongUsage, "nowhere to listen: give --udp, --hdc or --ipc");
-    transports.udp_endpoint = udp::parse_endpoint(transports.udp);
-    if (!transports.udp.empty() && !transports.udp_endpoint)
-        return fail(kWrongUsage, "--udp takes an IPv4 address and a port, such as 127.0.0.1:7400");
-    return run(transports, std::chrono::milliseconds(interval_ms));
+    return run(endpoints, std::chrono::milliseconds(interval_ms));
 }
 
 } // namespace

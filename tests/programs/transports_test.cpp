@@ -11,9 +11,6 @@
 #include <fstream>
 #include <list>
 #include <random>
-#include <set>
-#include <sstream>
-#include <sys/msg.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -30,24 +27,6 @@ constexpr int kRequests = 1000;
 constexpr int kMalformed = 10000;
 #endif
 
-// The message queues of daemons, by the bytes of their name (sysvipc(5)).
-std::set<int> queues_of_dmond() {
-    std::uint32_t tag = 0;
-    std::memcpy(&tag, "dmon", sizeof tag);
-    std::set<int> queues;
-    std::ifstream all("/proc/sysvipc/msg");
-    for (std::string line; std::getline(all, line);) {
-        std::istringstream fields(line);
-        std::string skipped;
-        int id = 0;
-        std::uint32_t owner = 0;
-        fields >> skipped >> id >> skipped >> skipped >> skipped >> skipped >> skipped >> owner;
-        if (fields && owner == tag)
-            queues.insert(id);
-    }
-    return queues;
-}
-
 class Transports : public testing::Test {
 protected:
     void SetUp() override {
@@ -59,10 +38,6 @@ protected:
         daemon_->send_signal(SIGTERM);
         EXPECT_EQ(daemon_->wait().status, 0);
         std::filesystem::remove_all(directory_);
-        // What a killed daemon leaves in the kernel.
-        for (const int queue : queues_of_dmond())
-            if (!queues_.contains(queue))
-                msgctl(queue, IPC_RMID, nullptr);
     }
 
     void start() {
@@ -79,7 +54,11 @@ protected:
         return std::distance(begin(all), end(all));
     }
 
-    const std::set<int> queues_ = queues_of_dmond();
+    int answers_over_hdc() const {
+        const json stats = json::parse(dmcat_once({url_, "stats"}).out);
+        return stats.at("interfaces").value("/dm_hdc0/answered"_json_pointer, 0);
+    }
+
     std::string directory_ = testing::TempDir() + "transports_XXXXXX";
     std::optional<Child> daemon_;
     std::string url_;
@@ -100,6 +79,10 @@ TEST_F(Transports, AnswerTheSameCommands) {
 }
 
 TEST_F(Transports, ManyClientsAtOnceAreAllAnsweredOnce) {
+    Child second({DMCAT, "--listen", "hdc://0", "--echo"});
+    EXPECT_TRUE(second.await_line(STDERR_FILENO).starts_with("dmcat: hdc://0 is waiting"));
+    second.send_signal(SIGTERM);
+    EXPECT_EQ(second.wait().status, 0);
     dmcat_once({"hdc://0", "ping"}); // what comes with the first request, stays
     const std::ptrdiff_t descriptors = entries("fd");
     const std::ptrdiff_t threads = entries("task");
@@ -134,28 +117,34 @@ int connections_to(const std::string& socket) {
     return count;
 }
 
-TEST_F(Transports, ClientsOfAKilledDaemonEnd) {
+TEST_F(Transports, ClientsOutliveAKilledDaemon) {
+    Child series({DMCAT, "hdc://0", "ping", "--count", "0", "--interval", "5"});
+    series.await_line();
     // Stopped, it answers nobody: all clients are in the middle of an exchange when it is killed.
     daemon_->send_signal(SIGSTOP);
-    const int before = connections_to("hdc-0");
-    std::list<Child> clients;
-    for (int i = 0; i < 5; ++i)
-        clients.emplace_back(std::vector<std::string>{DMCAT, "hdc://0", "ping"});
+    Child single({DMCAT, "hdc://0", "ping"});
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (connections_to("hdc-0") < before + 5)
+    while (connections_to("hdc-0") < 32)
         ASSERT_LT(std::chrono::steady_clock::now(), end);
     daemon_->send_signal(SIGKILL);
     EXPECT_EQ(daemon_->wait().status, -SIGKILL);
-    for (Child& client : clients) {
-        const Outcome outcome = client.wait();
-        EXPECT_EQ(outcome.status, 3);
-        EXPECT_EQ(outcome.err, "dmcat: cannot send to hdc://0\n");
-    }
-    const Outcome nobody = dmcat({"hdc://0", "ping", "--timeout", "500"});
+    const Outcome outcome = single.wait();
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.err, "dmcat: cannot send to hdc://0: the session is closed\n");
+
+    // On HDC, too, a request is sent again in time, and a signal ends it.
+    const Outcome nobody = dmcat({"hdc://1", "ping", "--timeout", "100", "--retry", "2"});
     EXPECT_EQ(nobody.status, 1);
-    EXPECT_EQ(nobody.err, "dmcat: no answer from hdc://0: sent once, waited 500 ms\n");
+    EXPECT_EQ(nobody.err, "dmcat: no answer from hdc://1: sent 3 times, 100 ms apart\n");
+
     start();
-    EXPECT_EQ(dmcat_once({"hdc://0", "ping", "--data", "again"}).out, "again");
+    // The series goes on.
+    while (answers_over_hdc() < 50)
+        ASSERT_LT(std::chrono::steady_clock::now(), end);
+    series.send_signal(SIGINT);
+    const Outcome all = series.wait();
+    EXPECT_EQ(all.status, 3);
+    EXPECT_LT(all.out.find(" (the session is closed)\n"), all.out.rfind(" bytes from hdc://0"));
 }
 
 // A peer on the channel that does not speak frames.

@@ -1,13 +1,12 @@
 #include "context.h"
 
-#include "dm_hdc.h"
-#include "dm_ipc.h"
-#include "dm_udp.h"
+#include "exit_status.h"
+#include "output.h"
+#include "workers.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
 #include <pthread.h>
 #include <stdexcept>
 #include <string>
@@ -19,6 +18,12 @@
 namespace dmcat {
 
 namespace {
+
+// So long nobody wonders why nothing happens.
+constexpr std::chrono::seconds kPatience{1};
+
+// Who ends a program may signal it twice in one go, as timeout(1) does.
+constexpr std::chrono::milliseconds kSameSignal{300};
 
 // Blocks the signals for the calling thread and those that it creates.
 int open_signals() {
@@ -55,33 +60,37 @@ Context::~Context() noexcept(false) {
     close(signal_fd_);
 }
 
-void Context::handle_requests(DM_MSG_HANDLER handler, void* user_data) {
+void Context::handle_requests(DM_MSG_HANDLER handler, const void* user_data) {
     require(dm_cmd_register(dm_, handler, nullptr, &user_data, sizeof(void*)),
             "cannot register the command handler");
 }
 
-int Context::init(const Endpoint& own, Role role, DM_DATA_HANDLER timeout_hndl) {
-    DM_ADDR_ST address = own.address();
-    if (own.transport == Endpoint::Transport::udp)
-        return dm_udp_init(&intf_, dm_, timeout_hndl, &address, nullptr, 0);
-    if (own.transport == Endpoint::Transport::ipc)
-        return dm_ipc_init(&intf_, dm_, timeout_hndl, &address, nullptr, 0);
-    DM_HDC_ADDR_ST hdc{};
-    std::memcpy(&hdc, &address, sizeof hdc);
-    hdc.role = role == Role::server ? DM_HDC_SERVER : DM_HDC_CLIENT;
-    hdc.intf_num = own.device;
-    std::memcpy(&address, &hdc, sizeof hdc);
-    return dm_hdc_init(&intf_, dm_, timeout_hndl, &address, nullptr, 0);
+// An HDC server tries for two minutes to get its device id, so another thread opens it.
+void Context::open(const Endpoint& endpoint, Endpoint::Role role, DM_DATA_HANDLER timeout_hndl) {
+    Workers opener(1);
+    opener.post([self = shared_from_this(), endpoint, role, timeout_hndl] {
+        std::exception_ptr failure;
+        try {
+            self->intf_ = &endpoint.open(*self->dm_, role, timeout_hndl);
+        } catch (const std::exception&) {
+            failure = std::current_exception();
+        }
+        self->opened_.put(std::move(failure));
+    });
+    await_opened(endpoint);
+    await_next_pass();
 }
 
-DM_INTF_ST& Context::open(const Endpoint& own, Role role, DM_DATA_HANDLER timeout_hndl) {
-    const int status = init(own, role, timeout_hndl);
-    require(status, "cannot open " + own.url() +
-                        (own.transport == Endpoint::Transport::udp
-                             ? std::string(": ") + std::strerror(std::abs(status))
-                             : ", code " + std::to_string(status)));
-    await_next_pass();
-    return *intf_;
+void Context::await_opened(const Endpoint& endpoint) {
+    auto failure = opened_.take(Clock::now() + kPatience);
+    if (!failure && !opened_.stopped()) {
+        print_error(endpoint.url() + " is waiting for its id (DM_LOG_LEVEL=warning tells why)");
+        failure = opened_.take();
+    }
+    if (!failure)
+        throw Interrupted("interrupted before " + endpoint.url() + " was open");
+    if (*failure)
+        std::rethrow_exception(*failure);
 }
 
 // Waits until the poll thread has ended the wait under way, during which it sees no new descriptor.
@@ -104,7 +113,15 @@ int Context::signal_arrived(int fd, int /*events*/, void* user_data,
     signalfd_siginfo signal{};
     if (read(fd, &signal, sizeof signal) != sizeof signal)
         return 0;
-    (*static_cast<Context**>(user_data))->on_signal_();
+    Context& context = **static_cast<Context**>(user_data);
+    if (!context.opened_.stopped()) {
+        context.first_signal_ = Clock::now();
+        context.opened_.stop();
+        context.on_signal_();
+    } else if (Clock::now() - context.first_signal_ > kSameSignal) {
+        // The main thread is held up, by whoever should read its output.
+        _exit(kTimedOut);
+    }
     return 0;
 }
 

@@ -3,11 +3,11 @@
 #include "context.h"
 #include "exit_status.h"
 #include "mailbox.h"
-#include "udp_endpoint.h"
 
 #include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <memory>
 
 namespace dmcat {
 
@@ -33,18 +33,20 @@ int echo(DM_INTF_ST* intf, DM_MSG_ST* msg, void* user_data, int32_t /*user_data_
 } // namespace
 
 int run_listener(const Options& options) {
-    Echoes echoes;
-    Context context([&echoes] { echoes.stop(); });
-    context.handle_requests(echo, &echoes);
-    const DM_INTF_ST& intf = context.open(options.endpoint, Context::Role::server, nullptr);
-    Endpoint bound = options.endpoint;
-    if (bound.transport == Endpoint::Transport::udp)
-        bound.socket = udp::bound_endpoint(intf); // with the port that the system chose
-    std::fprintf(stderr, "dmcat: listening on %s\n", bound.url().c_str());
+    const auto echoes = std::make_shared<Echoes>();
+    const auto context = std::make_shared<Context>([echoes] { echoes->stop(); });
+    context->handle_requests(echo, echoes.get());
+    try {
+        context->open(options.endpoint, Endpoint::Role::server, nullptr);
+    } catch (const Interrupted&) {
+        return kAnswered;
+    }
+    std::fprintf(stderr, "dmcat: listening on %s\n",
+                 Endpoint::bound(context->interface()).url().c_str());
 
     std::uint64_t answered = 0;
     const std::uint64_t wanted = options.series ? options.count : 0;
-    while ((wanted == 0 || answered < wanted) && echoes.take())
+    while ((wanted == 0 || answered < wanted) && echoes->take())
         ++answered;
     return kAnswered;
 }

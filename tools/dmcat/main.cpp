@@ -1,21 +1,46 @@
 // dmcat, the command-line peer of services on the message framework: sends requests and prints
 // their responses, or answers requests with their own data.
 
+#include "context.h"
 #include "exit_status.h"
 #include "listener.h"
 #include "options.h"
+#include "output.h"
 #include "series.h"
 #include "smbus.h"
+#include "workers.h"
 
-#include <cstdio>
+#include <csignal>
 #include <cstdlib>
 #include <exception>
+#include <unistd.h>
 
 namespace {
 
+int run(int argc, char** argv) {
+    const auto options = dmcat::parse_options(argc, argv);
+    if (!options)
+        return dmcat::kAnswered;
+    if (options->smbus != dmcat::Options::Smbus::no)
+        return dmcat::run_smbus(*options);
+    return options->listen ? dmcat::run_listener(*options) : dmcat::run_series(*options);
+}
+
 int fail(int exit_status, const std::exception& error) {
-    std::fprintf(stderr, "dmcat: %s\n", error.what());
+    dmcat::print_error(error.what());
     return exit_status;
+}
+
+int run_or_fail(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const dmcat::UsageError& error) {
+        return fail(dmcat::kWrongUsage, error);
+    } catch (const dmcat::Interrupted& error) {
+        return fail(dmcat::kTimedOut, error);
+    } catch (const std::exception& error) {
+        return fail(dmcat::kCannotWork, error);
+    }
 }
 
 } // namespace
@@ -23,16 +48,11 @@ int fail(int exit_status, const std::exception& error) {
 int main(int argc, char** argv) {
     // dmcat itself says what fails. Whoever wants the library's log lines as well sets the level.
     setenv("DM_LOG_LEVEL", "none", 0);
-    try {
-        const auto options = dmcat::parse_options(argc, argv);
-        if (!options)
-            return 0;
-        if (options->smbus != dmcat::Options::Smbus::no)
-            return dmcat::run_smbus(*options);
-        return options->listen ? dmcat::run_listener(*options) : dmcat::run_series(*options);
-    } catch (const dmcat::UsageError& error) {
-        return fail(dmcat::kWrongUsage, error);
-    } catch (const std::exception& error) {
-        return fail(dmcat::kCannotWork, error);
-    }
+    // A reader that goes is a failed write like any other.
+    std::signal(SIGPIPE, SIG_IGN);
+    const int exit_status = run_or_fail(argc, argv);
+    // All output is out. Threads that go on use what exit(3) would take down.
+    if (dmcat::Workers::left_behind())
+        _exit(exit_status);
+    return exit_status;
 }

@@ -1,26 +1,21 @@
 #include "message.h"
 
-#include <algorithm>
+#include "printable.h"
+
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 namespace dmcat {
 
 namespace {
-
-// The peer chooses the text: it shall neither break the line nor control the terminal.
-std::string printable(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 127; }, '?');
-    return text;
-}
 
 std::string refusal(std::uint32_t status, std::string_view body) {
     std::string text = "status " + std::to_string(status);
     const auto json = nlohmann::json::parse(body, nullptr, false);
     if (!json.is_object() || !json.contains("error") || !json["error"].is_string())
         return text;
-    return text + ": " + printable(json["error"].get<std::string>());
+    return text + ": " + printable(json["error"].get<std::string>(), Lines::escaped);
 }
 
 } // namespace
@@ -36,28 +31,37 @@ std::string make_request(std::optional<dmond::Command> command, std::uint32_t se
     return message + payload;
 }
 
+bool is_json(std::optional<dmond::Command> command) {
+    return command && *command != dmond::Command::ping;
+}
+
 Answer read_answer(const Reply& reply, std::optional<dmond::Command> command) {
     Answer answer;
     answer.body = reply.data;
+    const auto refuse = [&answer](std::string error) {
+        answer.error = std::move(error);
+        answer.has_body = false;
+        return answer;
+    };
     if (reply.kind == Reply::Kind::oversized)
-        answer.error = "a message that announces too much data";
-    if (!command || !answer.error.empty())
+        return refuse("a message that announces too much data");
+    if (!command)
         return answer;
 
     dmond::Header header{};
-    if (reply.data.size() < sizeof header) {
-        answer.error = "a message shorter than the header";
-        return answer;
-    }
+    if (reply.data.size() < sizeof header)
+        return refuse("a message shorter than the header");
     std::memcpy(&header, reply.data.data(), sizeof header);
     answer.status = header.code;
     answer.body.remove_prefix(sizeof header);
     if (header.body_len != answer.body.size())
-        answer.error = "a body that is not as long as its header says";
-    else if (header.code != static_cast<std::uint32_t>(dmond::Status::ok))
-        answer.error = refusal(header.code, answer.body);
-    else if (header.sequence != reply.sequence)
-        answer.error = "another request's sequence number";
+        return refuse("a body that is not as long as its header says");
+    if (header.code != static_cast<std::uint32_t>(dmond::Status::ok))
+        return refuse(refusal(header.code, answer.body));
+    if (header.sequence != reply.sequence)
+        return refuse("another request's sequence number");
+    if (is_json(command) && !nlohmann::json::accept(answer.body))
+        answer.error = "a body that is not JSON";
     return answer;
 }
 

@@ -2,8 +2,8 @@
 #ifndef DMCAT_MESSAGE_H
 #define DMCAT_MESSAGE_H
 
-#include "client.h"
 #include "dmond_protocol.h"
+#include "link.h"
 
 #include <cstdint>
 #include <optional>
@@ -20,7 +20,11 @@ struct Answer {
     std::optional<std::uint32_t> status; // when there is a header
     std::string_view body;               // lies in the reply
     std::string error;                   // what is wrong with it, printable; empty when it is fine
+    bool has_body = true;                // false when the error stands for the body
 };
+
+// True when a command is answered with JSON.
+bool is_json(std::optional<dmond::Command> command);
 
 Answer read_answer(const Reply& reply, std::optional<dmond::Command> command);
 

@@ -16,8 +16,8 @@ struct Options {
 
     Smbus smbus = Smbus::no; // otherwise only the payload counts
     bool listen = false;
-    Endpoint endpoint; // the peer, or where to listen
-    std::string url;   // the same, for messages
+    example::Endpoint endpoint; // the peer, or where to listen
+    std::string url;            // the same, for messages
 
     std::optional<dmond::Command> command; // none: the payload is the whole message
     std::string payload;
@@ -31,7 +31,8 @@ struct Options {
 };
 
 // Gives none when the line asked for the help or the version, which is printed then. Throws
-// UsageError for a wrong line, std::system_error for a payload that cannot be read.
+// UsageError for a wrong line, std::system_error for a payload that cannot be read and for help
+// that cannot be written.
 std::optional<Options> parse_options(int argc, char** argv);
 
 } // namespace dmcat

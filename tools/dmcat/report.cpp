@@ -1,26 +1,17 @@
 #include "report.h"
 
 #include "exit_status.h"
+#include "output.h"
 #include "payload.h"
+#include "printable.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <system_error>
-#include <unistd.h>
+#include <string_view>
 
 namespace dmcat {
 
 namespace {
-
-void print(const std::string& text) {
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0)
-        throw std::system_error(errno, std::generic_category(), "cannot write");
-}
-
-void print_error(const std::string& text) {
-    std::fprintf(stderr, "dmcat: %s\n", text.c_str());
-}
 
 std::string to_ms(std::chrono::microseconds time) {
     char text[32];
@@ -38,10 +29,14 @@ bool is_ascii_text(std::string_view bytes) {
     });
 }
 
-// A body is JSON when the command says so, and then becomes a part of the object as it is.
+// A body is JSON when the command says so; discarded if it is not.
+Json parse_body(std::string_view body, std::optional<dmond::Command> command) {
+    return is_json(command) ? Json::parse(body, nullptr, false) : Json(Json::value_t::discarded);
+}
+
+// JSON becomes a part of the object as it is.
 void put_body(Json& object, std::string_view body, std::optional<dmond::Command> command) {
-    const bool bytes = !command || *command == dmond::Command::ping;
-    Json json = bytes ? Json(Json::value_t::discarded) : Json::parse(body, nullptr, false);
+    Json json = parse_body(body, command);
     if (!json.is_discarded())
         object["body"] = std::move(json);
     else if (is_ascii_text(body))
@@ -61,6 +56,8 @@ void Report::add(const Reply& reply) {
     progress_.clear();
     if (reply.kind == Reply::Kind::timed_out)
         add_timeout(reply);
+    else if (reply.kind == Reply::Kind::not_sent)
+        add_unsent(reply);
     else
         add_answer(reply);
     show_progress();
@@ -77,6 +74,17 @@ void Report::add_timeout(const Reply& reply) {
         print("no answer: seq=" + std::to_string(reply.sequence) + " " + sendings() + "\n");
     if (!options_.series)
         print_error("no answer from " + options_.url + ": " + sendings());
+}
+
+void Report::add_unsent(const Reply& reply) {
+    ++unsent_;
+    const std::string reason = options_.endpoint.why_not_sent(reply.status);
+    if (options_.json)
+        print_json({{"seq", reply.sequence}, {"not_sent", true}, {"error", reason}});
+    else if (options_.series)
+        print("not sent: seq=" + std::to_string(reply.sequence) + " (" + reason + ")\n");
+    if (!options_.series)
+        print_error("cannot send to " + options_.url + ": " + reason);
 }
 
 void Report::add_answer(const Reply& reply) {
@@ -97,7 +105,7 @@ void Report::add_answer(const Reply& reply) {
         print_json(object);
     } else if (options_.series) {
         print_line(reply, answer);
-    } else if (answer.error.empty()) {
+    } else if (answer.has_body) {
         print_body(answer);
     }
     if (!options_.series && !answer.error.empty())
@@ -106,11 +114,11 @@ void Report::add_answer(const Reply& reply) {
 
 // As it came; on a terminal so that it can be read.
 void Report::print_body(const Answer& answer) {
-    if (isatty(STDOUT_FILENO) != 1)
-        return print(std::string(answer.body));
-    const auto json = options_.command ? Json::parse(answer.body, nullptr, false)
-                                       : Json(Json::value_t::discarded);
-    print((json.is_discarded() ? std::string(answer.body) : json_text(json, 2)) + "\n");
+    if (!prints_to_terminal())
+        return print(answer.body);
+    const Json json = parse_body(answer.body, options_.command);
+    const std::string text = json.is_discarded() ? std::string(answer.body) : json_text(json, 2);
+    print(printable(text, Lines::kept) + "\n");
 }
 
 void Report::print_line(const Reply& reply, const Answer& answer) {
@@ -120,7 +128,8 @@ void Report::print_line(const Reply& reply, const Answer& answer) {
 }
 
 void Report::print_json(const Json& object) {
-    print(json_text(object, -1) + "\n");
+    const std::string text = json_text(object, -1);
+    print((prints_to_terminal() ? printable(text, Lines::kept) : text) + "\n");
 }
 
 void Report::finish() {
@@ -130,6 +139,8 @@ void Report::finish() {
 }
 
 int Report::exit_status() const {
+    if (unsent_ != 0)
+        return kCannotWork;
     if (timed_out_ != 0 || answered_ == 0)
         return kTimedOut;
     return wrong_ != 0 ? kRefused : kAnswered;
@@ -137,13 +148,18 @@ int Report::exit_status() const {
 
 void Report::print_summary() {
     const double loss =
-        done() == 0 ? 0 : static_cast<double>(timed_out_) / static_cast<double>(done());
-    Json summary{{"requests", done()}, {"answers", answered_}, {"errors", wrong_}, {"loss", loss}};
+        done() == 0 ? 0 : static_cast<double>(done() - answered_) / static_cast<double>(done());
+    Json summary{{"requests", done()},
+                 {"answers", answered_},
+                 {"errors", wrong_},
+                 {"not_sent", unsent_},
+                 {"loss", loss}};
     char text[128];
     std::snprintf(text, sizeof text, "%.1f%% loss\n", loss * 100);
     std::string lines = "--- " + options_.url + " ---\n" + std::to_string(done()) + " requests, " +
                         std::to_string(answered_) + " answers, " +
-                        (wrong_ == 0 ? "" : std::to_string(wrong_) + " of them errors, ") + text;
+                        (wrong_ == 0 ? "" : std::to_string(wrong_) + " of them errors, ") +
+                        (unsent_ == 0 ? "" : std::to_string(unsent_) + " not sent, ") + text;
     if (!round_trips_.empty()) {
         const auto [min, median, p99, max] = round_trips_.summary();
         summary["rtt_us"] = {{"min", min.count()},
@@ -166,7 +182,7 @@ void Report::show_progress() {
     if (options_.count != 0)
         text += " of " + std::to_string(options_.count);
     progress_.show(text + " sent, " + std::to_string(answered_) + " answered, " +
-                   std::to_string(timed_out_) + " lost");
+                   std::to_string(timed_out_ + unsent_) + " lost");
 }
 
 std::string Report::sendings() const {

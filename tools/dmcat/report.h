@@ -2,7 +2,7 @@
 #ifndef DMCAT_REPORT_H
 #define DMCAT_REPORT_H
 
-#include "client.h"
+#include "link.h"
 #include "message.h"
 #include "options.h"
 #include "progress.h"
@@ -31,6 +31,7 @@ public:
 
 private:
     void add_timeout(const Reply& reply);
+    void add_unsent(const Reply& reply);
     void add_answer(const Reply& reply);
     void print_body(const Answer& answer);
     void print_line(const Reply& reply, const Answer& answer);
@@ -38,13 +39,14 @@ private:
     void print_summary();
     void show_progress();
     std::string sendings() const;
-    std::uint64_t done() const { return answered_ + timed_out_; }
+    std::uint64_t done() const { return answered_ + timed_out_ + unsent_; }
 
     const Options& options_;
     std::uint64_t sent_ = 0;
     std::uint64_t answered_ = 0; // of them wrong_ with an error
     std::uint64_t wrong_ = 0;
     std::uint64_t timed_out_ = 0;
+    std::uint64_t unsent_ = 0;
     Statistics round_trips_;
     Progress progress_;
 };

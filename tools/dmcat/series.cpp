@@ -2,13 +2,12 @@
 
 #include "client.h"
 #include "message.h"
+#include "output.h"
 #include "report.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
-#include <stdexcept>
 
 namespace dmcat {
 
@@ -59,28 +58,22 @@ private:
 } // namespace
 
 int run_series(const Options& options) {
-    const std::unique_ptr<Client> client = Client::open(options);
+    Client client(options);
     Report report(options);
     Schedule schedule(options);
-    bool failed = false;
-    while (!schedule.is_over() && !client->interrupted()) {
+    while (!schedule.is_over() && !client.interrupted()) {
         if (schedule.may_send()) {
             const std::uint32_t sequence = schedule.take_next();
-            client->send(sequence, make_request(options.command, sequence, options.payload));
+            client.send(sequence, make_request(options.command, sequence, options.payload));
             report.add_sent();
-        } else if (const auto reply = client->take_reply(schedule.deadline())) {
-            failed = reply->kind == Reply::Kind::not_sent;
-            if (failed)
-                break;
+        } else if (const auto reply = client.take_reply(schedule.deadline())) {
             schedule.add_reply();
             report.add(*reply);
         }
     }
     report.finish();
-    if (failed)
-        throw std::runtime_error("cannot send to " + options.url);
     if (!options.series && !schedule.is_over())
-        std::fputs("dmcat: interrupted before an answer came\n", stderr);
+        print_error("interrupted before an answer came");
     return report.exit_status();
 }
 

@@ -2,10 +2,10 @@
 
 #include "dm_smbus.h"
 #include "exit_status.h"
+#include "output.h"
 #include "payload.h"
 
 #include <array>
-#include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <unistd.h>
@@ -50,7 +50,7 @@ int run_smbus(const Options& options) {
     if (options.smbus == Options::Smbus::send)
         bus.send(options.payload);
     else
-        std::printf("%s\n", to_hex(bus.receive()).c_str());
+        print(to_hex(bus.receive()) + "\n");
     return kAnswered;
 }
 
