@@ -3,10 +3,10 @@
 //
 // Endpoints are closed with close(2), which leaves their files behind; whoever opens the next one
 // removes them. The files' names are random, and so never used again.
-#include "hal/codes.h"
 #include "hal/directory.h"
 #include "hal/socket.h"
 #include "platform_hal.h"
+#include "platform_hal_codes.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -115,12 +115,12 @@ int32_t __broadcast(const Packet& packet, size_t size, std::string_view but) {
     const hal::Descriptor directory = hal::open_directory();
     const Listing listing = directory ? __list(directory) : nullptr;
     if (!listing)
-        return hal::bad_directory;
+        return HAL_ERR_BAD_DIRECTORY;
     // A socket for this message alone: what lies unread at one endpoint counts against the sending
     // socket, and would take the room of messages to the others.
     const hal::Descriptor sender = hal::open_socket(SOCK_DGRAM);
     if (!sender)
-        return hal::system_error;
+        return HAL_ERR_SYSTEM;
     while (const char* name = __next_endpoint(listing.get())) {
         if (name == but)
             continue;
@@ -138,56 +138,56 @@ int32_t devdrv_open_device_manager(void) try {
     const hal::Descriptor directory = hal::open_directory();
     const Listing listing = directory ? __list(directory) : nullptr;
     if (!listing)
-        return -hal::bad_directory;
+        return -HAL_ERR_BAD_DIRECTORY;
     const DirectoryLock lock(listing.get());
     if (!lock.held())
-        return -hal::system_error;
+        return -HAL_ERR_SYSTEM;
     __remove_closed(directory, listing.get());
     hal::Descriptor endpoint = __bind(directory);
-    return endpoint ? endpoint.release() : -hal::system_error;
+    return endpoint ? endpoint.release() : -HAL_ERR_SYSTEM;
 } catch (const std::bad_alloc&) {
-    return -hal::no_memory;
+    return -HAL_ERR_NO_MEMORY;
 }
 
 int32_t devdrv_imu_dmp_msg_send(int32_t fd, uint32_t device_id, const void* data,
                                 uint8_t length) try {
     if (length > HAL_DMP_MAX_LEN)
-        return hal::too_long;
+        return HAL_ERR_TOO_LONG;
     if (data == nullptr && length != 0)
-        return hal::invalid_argument;
+        return HAL_ERR_INVALID_ARGUMENT;
     const hal::CancelGuard guard;
     const std::string own = __name_of(fd);
     if (own.empty())
-        return hal::bad_handle;
+        return HAL_ERR_BAD_HANDLE;
     Packet packet = {device_id, {}};
     if (length != 0)
         std::memcpy(packet.data, data, length);
     return __broadcast(packet, kHeaderSize + length, own);
 } catch (const std::bad_alloc&) {
-    return hal::no_memory;
+    return HAL_ERR_NO_MEMORY;
 }
 
 int32_t devdrv_imu_dmp_msg_recv(int32_t fd, uint32_t device_id, void* buffer, uint32_t capacity,
                                 uint8_t* length) try {
     if (buffer == nullptr || length == nullptr)
-        return hal::invalid_argument;
+        return HAL_ERR_INVALID_ARGUMENT;
     if (__name_of(fd).empty())
-        return hal::bad_handle;
+        return HAL_ERR_BAD_HANDLE;
     Packet packet = {};
     const ssize_t size = recv(fd, &packet, sizeof(packet), MSG_DONTWAIT | MSG_TRUNC);
     if (size < 0)
-        return errno == EAGAIN ? hal::would_block : hal::system_error;
+        return errno == EAGAIN ? HAL_ERR_WOULD_BLOCK : HAL_ERR_SYSTEM;
     const auto received = static_cast<size_t>(size);
     if (received < kHeaderSize || received > sizeof(packet))
-        return hal::bad_message;
+        return HAL_ERR_BAD_MESSAGE;
     if (packet.device_id != device_id)
-        return hal::other_device;
+        return HAL_ERR_OTHER_DEVICE;
     const size_t payload = received - kHeaderSize;
     if (payload > capacity)
-        return hal::too_long;
+        return HAL_ERR_TOO_LONG;
     std::memcpy(buffer, packet.data, payload);
     *length = static_cast<uint8_t>(payload);
     return 0;
 } catch (const std::bad_alloc&) {
-    return hal::no_memory;
+    return HAL_ERR_NO_MEMORY;
 }

@@ -1,8 +1,8 @@
 // HDC clients, which open sessions.
-#include "hal/codes.h"
 #include "hal/directory.h"
 #include "hal/hdc.h"
 #include "hal/socket.h"
+#include "platform_hal_codes.h"
 
 #include <sys/socket.h>
 
@@ -17,19 +17,19 @@ using Clients = hal::Handles<hal::Client>;
 int32_t __connect(hal::Session& session, int32_t device_id) {
     const hal::Descriptor directory = hal::open_directory();
     if (!directory)
-        return hal::bad_directory;
+        return HAL_ERR_BAD_DIRECTORY;
     session.socket = hal::open_socket(SOCK_SEQPACKET);
     if (!session.socket)
-        return hal::system_error;
+        return HAL_ERR_SYSTEM;
     if (hal::connect_socket(session.socket, directory, hal::socket_name(device_id).data()) != 0) {
         // No socket, a socket of a process that has ended, or too many clients waiting.
         if (errno == ENOENT || errno == ECONNREFUSED || errno == EAGAIN)
             return HAL_HDC_NOT_READY;
-        return errno == EACCES ? hal::refused : hal::system_error;
+        return errno == EACCES ? HAL_ERR_REFUSED : HAL_ERR_SYSTEM;
     }
     const std::optional<uid_t> peer = hal::allowed_peer(session.socket);
     if (!peer)
-        return hal::refused;
+        return HAL_ERR_REFUSED;
     session.peer_uid = *peer;
     return 0;
 }
@@ -39,34 +39,34 @@ int32_t __connect(hal::Session& session, int32_t device_id) {
 int32_t drvHdcClientCreate(HDC_CLIENT* client, int32_t max_sessions, int32_t service_type,
                            int32_t flags) try {
     if (client == nullptr || max_sessions <= 0 || service_type != 0 || flags != 0)
-        return hal::invalid_argument;
+        return HAL_ERR_INVALID_ARGUMENT;
     auto created = std::make_shared<hal::Client>();
     created->max_sessions = max_sessions;
     *client = Clients::table().add(std::move(created));
     return 0;
 } catch (const std::bad_alloc&) {
-    return hal::no_memory;
+    return HAL_ERR_NO_MEMORY;
 }
 
 int32_t drvHdcClientDestroy(HDC_CLIENT client) {
-    return Clients::table().take(client) ? 0 : hal::bad_handle;
+    return Clients::table().take(client) ? 0 : HAL_ERR_BAD_HANDLE;
 }
 
 int32_t drvHdcSessionConnect(int32_t peer_node, int32_t peer_device_id, HDC_CLIENT client,
                              HDC_SESSION* session) try {
     if (peer_node != 0 || peer_device_id < 0 || session == nullptr)
-        return hal::invalid_argument;
+        return HAL_ERR_INVALID_ARGUMENT;
     const auto owner = Clients::table().find(client);
     if (!owner)
-        return hal::bad_handle;
+        return HAL_ERR_BAD_HANDLE;
     const hal::CancelGuard guard;
     auto opened = std::make_shared<hal::Session>(owner);
     if (owner->sessions > owner->max_sessions)
-        return hal::too_many;
+        return HAL_ERR_TOO_MANY;
     if (const int32_t code = __connect(*opened, peer_device_id); code != 0)
         return code;
     *session = hal::Sessions::table().add(std::move(opened));
     return 0;
 } catch (const std::bad_alloc&) {
-    return hal::no_memory;
+    return HAL_ERR_NO_MEMORY;
 }

@@ -1,6 +1,6 @@
 // HDC messages and their buffers.
-#include "hal/codes.h"
 #include "hal/hdc.h"
+#include "platform_hal_codes.h"
 
 #include <climits>
 #include <new>
@@ -17,33 +17,33 @@ size_t __length(const HAL_HDC_MSG& msg) {
 
 int32_t drvHdcGetCapacity(HDC_CAPACITY_ST* capacity) {
     if (capacity == nullptr)
-        return hal::invalid_argument;
+        return HAL_ERR_INVALID_ARGUMENT;
     *capacity = {0, hal::kMaxMessage};
     return 0;
 }
 
 int32_t drvHdcAllocMsg(HDC_SESSION session, HAL_HDC_MSG** msg, int32_t count) try {
     if (msg == nullptr || count <= 0 || count > IOV_MAX)
-        return hal::invalid_argument;
+        return HAL_ERR_INVALID_ARGUMENT;
     if (!hal::Sessions::table().find(session))
-        return hal::bad_handle;
+        return HAL_ERR_BAD_HANDLE;
     auto allocated = std::make_unique<HAL_HDC_MSG>();
     allocated->max_buffers = static_cast<size_t>(count);
     allocated->buffers.reserve(allocated->max_buffers);
     *msg = allocated.release();
     return 0;
 } catch (const std::bad_alloc&) {
-    return hal::no_memory;
+    return HAL_ERR_NO_MEMORY;
 }
 
 int32_t drvHdcAddMsgBuffer(HAL_HDC_MSG* msg, char* buffer, int32_t length) {
     if (msg == nullptr || buffer == nullptr || length <= 0)
-        return hal::invalid_argument;
+        return HAL_ERR_INVALID_ARGUMENT;
     if (msg->buffers.size() == msg->max_buffers)
-        return hal::too_many;
+        return HAL_ERR_TOO_MANY;
     const auto size = static_cast<size_t>(length);
     if (__length(*msg) + size > hal::kMaxMessage)
-        return hal::too_long;
+        return HAL_ERR_TOO_LONG;
     msg->buffers.push_back({buffer, size}); // within what was reserved
     return 0;
 }
@@ -51,7 +51,7 @@ int32_t drvHdcAddMsgBuffer(HAL_HDC_MSG* msg, char* buffer, int32_t length) {
 int32_t drvHdcGetMsgBuffer(HAL_HDC_MSG* msg, int32_t index, char** buffer, int32_t* length) {
     if (msg == nullptr || buffer == nullptr || length == nullptr || index < 0 ||
         static_cast<size_t>(index) >= msg->buffers.size())
-        return hal::invalid_argument;
+        return HAL_ERR_INVALID_ARGUMENT;
     const iovec& found = msg->buffers[static_cast<size_t>(index)];
     *buffer = static_cast<char*>(found.iov_base);
     *length = static_cast<int32_t>(found.iov_len);
@@ -60,7 +60,7 @@ int32_t drvHdcGetMsgBuffer(HAL_HDC_MSG* msg, int32_t index, char** buffer, int32
 
 int32_t drvHdcFreeMsg(HAL_HDC_MSG* msg) {
     if (msg == nullptr)
-        return hal::invalid_argument;
+        return HAL_ERR_INVALID_ARGUMENT;
     delete msg;
     return 0;
 }

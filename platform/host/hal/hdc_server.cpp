@@ -1,8 +1,8 @@
 // HDC servers: a listening socket for each device id.
-#include "hal/codes.h"
 #include "hal/directory.h"
 #include "hal/hdc.h"
 #include "hal/socket.h"
+#include "platform_hal_codes.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -40,16 +40,16 @@ int32_t __lock(Server& server) {
     server.lock = hal::Descriptor(openat(server.directory.get(), name.data(),
                                          O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kModeOwn));
     if (!server.lock)
-        return hal::system_error;
+        return HAL_ERR_SYSTEM;
     if (flock(server.lock.get(), LOCK_EX | LOCK_NB) != 0)
-        return errno == EWOULDBLOCK ? hal::server_exists : hal::system_error;
+        return errno == EWOULDBLOCK ? HAL_ERR_SERVER_EXISTS : HAL_ERR_SYSTEM;
     return 0;
 }
 
 int32_t __listen(Server& server) {
     server.directory = hal::open_directory();
     if (!server.directory)
-        return hal::bad_directory;
+        return HAL_ERR_BAD_DIRECTORY;
     if (const int32_t code = __lock(server); code != 0)
         return code;
     // Under the lock, a socket that lies there is what a killed server left.
@@ -57,7 +57,7 @@ int32_t __listen(Server& server) {
     const mode_t mode = hal::setting("DM_HAL_ALLOW_UIDS") != nullptr ? kModeAll : kModeOwn;
     server.listener = hal::bind_socket(SOCK_SEQPACKET, server.directory, server.name.data(), mode);
     if (!server.listener || listen(server.listener.get(), kBacklog) != 0)
-        return hal::system_error;
+        return HAL_ERR_SYSTEM;
     return 0;
 }
 
@@ -67,17 +67,17 @@ bool __is_passing(int error) {
            error == EINVAL; // destroyed since the wait
 }
 
-// Accepts one client. @return would_block when there is none that is allowed.
+// Accepts one client. @return HAL_ERR_WOULD_BLOCK when there is none that is allowed.
 int32_t __accept(const Server& server, HDC_SESSION* session) {
     const hal::CancelGuard guard;
     auto accepted = std::make_shared<hal::Session>(nullptr);
     accepted->socket = hal::Descriptor(
         accept4(server.listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!accepted->socket)
-        return __is_passing(errno) ? hal::would_block : hal::system_error;
+        return __is_passing(errno) ? HAL_ERR_WOULD_BLOCK : HAL_ERR_SYSTEM;
     const std::optional<uid_t> peer = hal::allowed_peer(accepted->socket);
     if (!peer)
-        return hal::would_block;
+        return HAL_ERR_WOULD_BLOCK;
     accepted->peer_uid = *peer;
     *session = hal::Sessions::table().add(std::move(accepted));
     static std::atomic<uint32_t> accepted_count = 0;
@@ -90,7 +90,7 @@ int32_t __accept(const Server& server, HDC_SESSION* session) {
 
 int32_t drvHdcServerCreate(int32_t device_id, int32_t service_type, HDC_SERVER* server) try {
     if (device_id < 0 || service_type != 0 || server == nullptr)
-        return hal::invalid_argument;
+        return HAL_ERR_INVALID_ARGUMENT;
     const hal::CancelGuard guard;
     auto created = std::make_shared<Server>();
     created->name = hal::socket_name(device_id);
@@ -99,14 +99,14 @@ int32_t drvHdcServerCreate(int32_t device_id, int32_t service_type, HDC_SERVER* 
     *server = Servers::table().add(std::move(created));
     return 0;
 } catch (const std::bad_alloc&) {
-    return hal::no_memory;
+    return HAL_ERR_NO_MEMORY;
 }
 
 int32_t drvHdcServerDestroy(HDC_SERVER server) {
     const hal::CancelGuard guard;
     const auto ended = Servers::table().take(server);
     if (!ended)
-        return hal::bad_handle;
+        return HAL_ERR_BAD_HANDLE;
     // An accept that is under way keeps the descriptors open: it is woken, and the device id is
     // given back by hand, the lock last.
     shutdown(ended->listener.get(), SHUT_RDWR);
@@ -117,16 +117,16 @@ int32_t drvHdcServerDestroy(HDC_SERVER server) {
 
 int32_t drvHdcSessionAccept(HDC_SERVER server, HDC_SESSION* session) try {
     if (session == nullptr)
-        return hal::invalid_argument;
+        return HAL_ERR_INVALID_ARGUMENT;
     const auto listening = Servers::table().find(server);
     if (!listening)
-        return hal::bad_handle;
+        return HAL_ERR_BAD_HANDLE;
     for (;;) {
         if ((hal::wait_ready(listening->listener, POLLIN, std::nullopt) & POLLHUP) != 0)
-            return hal::server_ended;
-        if (const int32_t code = __accept(*listening, session); code != hal::would_block)
+            return HAL_ERR_SERVER_ENDED;
+        if (const int32_t code = __accept(*listening, session); code != HAL_ERR_WOULD_BLOCK)
             return code;
     }
 } catch (const std::bad_alloc&) {
-    return hal::no_memory;
+    return HAL_ERR_NO_MEMORY;
 }

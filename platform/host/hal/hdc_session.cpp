@@ -1,8 +1,8 @@
 // HDC sessions: what goes over them, and what is known of them.
-#include "hal/codes.h"
 #include "hal/directory.h"
 #include "hal/hdc.h"
 #include "hal/socket.h"
+#include "platform_hal_codes.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -36,29 +36,29 @@ int32_t __try_send(const hal::Session& session, HAL_HDC_MSG& msg) {
     header.msg_iov = msg.buffers.data();
     header.msg_iovlen = msg.buffers.size();
     if (!session.socket)
-        return hal::peer_gone;
+        return HAL_ERR_PEER_GONE;
     if (sendmsg(session.socket.get(), &header, MSG_NOSIGNAL) >= 0)
         return 0;
     if (errno == EAGAIN || errno == EINTR)
-        return hal::would_block;
-    return errno == EPIPE || errno == ECONNRESET ? hal::peer_gone : hal::system_error;
+        return HAL_ERR_WOULD_BLOCK;
+    return errno == EPIPE || errno == ECONNRESET ? HAL_ERR_PEER_GONE : HAL_ERR_SYSTEM;
 }
 
 int32_t __try_receive(const hal::Session& session, HAL_HDC_MSG& msg) {
     if (!session.socket)
-        return hal::peer_gone;
+        return HAL_ERR_PEER_GONE;
     const ssize_t size =
         recv(session.socket.get(), msg.received.get(), hal::kMaxMessage, MSG_TRUNC);
     // A peer that closed with messages unread resets the session, once; what it had sent before is
     // still to be read.
     if (size < 0)
-        return errno == EAGAIN || errno == EINTR || errno == ECONNRESET ? hal::would_block
-                                                                        : hal::system_error;
+        return errno == EAGAIN || errno == EINTR || errno == ECONNRESET ? HAL_ERR_WOULD_BLOCK
+                                                                        : HAL_ERR_SYSTEM;
     // The end of the session: messages without bytes are not sent.
     if (size == 0)
-        return hal::peer_gone;
+        return HAL_ERR_PEER_GONE;
     if (static_cast<size_t>(size) > hal::kMaxMessage)
-        return hal::too_long;
+        return HAL_ERR_TOO_LONG;
     msg.buffers.assign(1, {msg.received.get(), static_cast<size_t>(size)});
     return 0;
 }
@@ -68,7 +68,7 @@ template<class Attempt>
 int32_t __in_time(const hal::Session& session, short events, uint32_t timeout_ms, Attempt attempt) {
     const auto deadline = hal::Clock::now() + std::chrono::milliseconds(timeout_ms);
     for (;;) {
-        if (const int32_t code = attempt(); code != hal::would_block)
+        if (const int32_t code = attempt(); code != HAL_ERR_WOULD_BLOCK)
             return code;
         if (hal::wait_ready(session.socket, events, deadline) == 0)
             return HAL_HDC_TIMEOUT;
@@ -90,32 +90,32 @@ void hal::release_gone_sessions() {
 int32_t drvHdcSessionClose(HDC_SESSION session) {
     const auto closed = hal::Sessions::table().take(session);
     if (!closed)
-        return hal::bad_handle;
+        return HAL_ERR_BAD_HANDLE;
     shutdown(closed->socket.get(), SHUT_RDWR); // wakes who waits on it; the last one closes it
     return 0;
 }
 
 int32_t drvHdcSetSessionReference(HDC_SESSION session) {
     // A connection belongs to its process from the start.
-    return hal::Sessions::table().find(session) ? 0 : hal::bad_handle;
+    return hal::Sessions::table().find(session) ? 0 : HAL_ERR_BAD_HANDLE;
 }
 
 int32_t halHdcSend(HDC_SESSION session, HAL_HDC_MSG* msg, uint64_t flag, uint32_t timeout_ms) {
     if (msg == nullptr || msg->buffers.empty() || flag != HAL_HDC_WAIT_TIMEOUT)
-        return hal::invalid_argument;
+        return HAL_ERR_INVALID_ARGUMENT;
     const auto sending = hal::Sessions::table().find(session);
     if (!sending)
-        return hal::bad_handle;
+        return HAL_ERR_BAD_HANDLE;
     return __in_time(*sending, POLLOUT, timeout_ms, [&] { return __try_send(*sending, *msg); });
 }
 
 int32_t halHdcRecv(HDC_SESSION session, HAL_HDC_MSG* msg, int32_t /*buffer_length*/, uint64_t flag,
                    int32_t* count, uint32_t timeout_ms) try {
     if (msg == nullptr || count == nullptr || flag != HAL_HDC_WAIT_TIMEOUT)
-        return hal::invalid_argument;
+        return HAL_ERR_INVALID_ARGUMENT;
     const auto receiving = hal::Sessions::table().find(session);
     if (!receiving)
-        return hal::bad_handle;
+        return HAL_ERR_BAD_HANDLE;
     msg->buffers.clear();
     msg->received = std::make_unique_for_overwrite<char[]>(hal::kMaxMessage);
     const int32_t code =
@@ -123,15 +123,15 @@ int32_t halHdcRecv(HDC_SESSION session, HAL_HDC_MSG* msg, int32_t /*buffer_lengt
     *count = static_cast<int32_t>(msg->buffers.size());
     return code;
 } catch (const std::bad_alloc&) {
-    return hal::no_memory;
+    return HAL_ERR_NO_MEMORY;
 }
 
 int32_t halHdcGetSessionAttr(HDC_SESSION session, int32_t attribute, int32_t* value) {
     const auto asked = hal::Sessions::table().find(session);
     if (!asked)
-        return hal::bad_handle;
+        return HAL_ERR_BAD_HANDLE;
     if (value == nullptr || (attribute != HAL_HDC_ATTR_UID && attribute != HAL_HDC_ATTR_RUN_ENV))
-        return hal::invalid_argument;
+        return HAL_ERR_INVALID_ARGUMENT;
     *value = attribute == HAL_HDC_ATTR_UID ? static_cast<int32_t>(asked->peer_uid) : __run_env();
     return 0;
 }
