@@ -1,5 +1,6 @@
 /** The host's HAL: channels between the threads and processes of this machine. */
-#include "platform_hal.h"
+#include "platform_hal_codes.h"
+#include "support/platform_hooks.h"
 
 #include <gtest/gtest.h>
 
@@ -9,8 +10,10 @@
 #include <fstream>
 #include <future>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <vector>
 
 namespace {
 
@@ -62,6 +65,8 @@ struct Hal : testing::Test {
         EXPECT_EQ(drvHdcClientCreate(&client, 90, 0, 0), 0);
     }
     ~Hal() override {
+        drvHdcSessionClose(near);
+        drvHdcSessionClose(far);
         drvHdcServerDestroy(server);
         drvHdcClientDestroy(client);
         fs::remove_all(root);
@@ -71,6 +76,10 @@ struct Hal : testing::Test {
     int32_t connect() { return drvHdcSessionConnect(0, device, client, &near); }
     int32_t accept() { return drvHdcSessionAccept(server, &far); }
     bool open() { return serve() == 0 && connect() == 0 && accept() == 0; }
+    static int32_t peer_of(HDC_SESSION session) {
+        int32_t uid = -1;
+        return halHdcGetSessionAttr(session, HAL_HDC_ATTR_UID, &uid) == 0 ? uid : -1;
+    }
     bool passes(HDC_SESSION from, HDC_SESSION to, const std::string& sent) {
         return send(from, sent) == 0 && receive(to, &text, 60'000) == 0 && text == sent;
     }
@@ -117,7 +126,7 @@ TEST_F(Hal, ADeviceIdHasOneLiveServer) {
     for (int waiting = 0; code == 0 && waiting < 80; ++waiting)
         code = connect();
     EXPECT_EQ(code, HAL_HDC_NOT_READY) << "too many wait";
-    EXPECT_TRUE(accept() == 0 && connect() == 0);
+    EXPECT_TRUE(accept() == 0 && connect() == 0 && drvHdcSessionClose(far) == 0);
     EXPECT_EQ(drvHdcServerDestroy(server), 0);
 
     ASSERT_TRUE(open());
@@ -126,6 +135,42 @@ TEST_F(Hal, ADeviceIdHasOneLiveServer) {
     EXPECT_EQ(drvHdcServerDestroy(server), 0);
     EXPECT_TRUE(is_final(accepting.get()));
     EXPECT_TRUE(connect() == HAL_HDC_NOT_READY && passes(near, far, "still open"));
+}
+
+TEST_F(Hal, SessionsThatGetNoAnswerLeaveRoomForOthers) {
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit few = {320, limit.rlim_max};
+    ASSERT_TRUE(setrlimit(RLIMIT_NOFILE, &few) == 0 && open());
+    const HDC_SESSION unanswered = far;
+    std::vector<HDC_SESSION> ends = {near};
+    while (ends.size() < 80 && connect() == 0 && accept() == 0)
+        ends.push_back(near);
+    auto accepting = std::async(background, drvHdcSessionAccept, server, &far);
+    EXPECT_EQ(connect(), 0);
+    EXPECT_EQ(receive(near, &text, 60'000), HAL_ERR_PEER_GONE) << "a quarter of the descriptors";
+    for (const HDC_SESSION end : ends)
+        drvHdcSessionClose(end);
+    ASSERT_TRUE(connect() == 0 && accepting.get() == 0);
+    EXPECT_TRUE(passes(near, far, "room is made by those whose peer has gone"));
+    EXPECT_EQ(receive(unanswered, &text, 1), HAL_ERR_PEER_GONE);
+    EXPECT_EQ(peer_of(unanswered), static_cast<int32_t>(geteuid()));
+    EXPECT_EQ(drvHdcSessionClose(unanswered), 0);
+    EXPECT_TRUE(drvHdcSessionClose(unanswered) == HAL_ERR_BAD_HANDLE && peer_of(unanswered) < 0);
+
+    for (int i = 0; i < 40; ++i)
+        EXPECT_TRUE(connect() == 0 && accept() == 0 && drvHdcSessionClose(near) == 0);
+    std::vector<int> others;
+    while (others.empty() || others.back() >= 0)
+        others.push_back(dup(STDIN_FILENO));
+    int32_t code = 0;
+    support::fail_each(support::Call::malloc, [&] {
+        code = connect() == 0 ? accept() : HAL_ERR_NO_MEMORY;
+        EXPECT_TRUE(code == 0 || is_final(code)) << "no exception: " << code;
+    });
+    EXPECT_EQ(code, 0) << "although no descriptor was left";
+    std::for_each(others.begin(), others.end(), close);
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 TEST_F(Hal, OnlyOpenHandlesAreTaken) {

@@ -4,6 +4,7 @@
 // Endpoints are closed with close(2), which leaves their files behind; whoever opens the next one
 // removes them. The files' names are random, and so never used again.
 #include "hal/directory.h"
+#include "hal/sessions.h"
 #include "hal/socket.h"
 #include "platform_hal.h"
 #include "platform_hal_codes.h"
@@ -43,7 +44,8 @@ struct DirCloser {
 using Listing = std::unique_ptr<DIR, DirCloser>;
 
 Listing __list(const hal::Descriptor& directory) {
-    hal::Descriptor opened(openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    hal::Descriptor opened = hal::make_descriptor(
+        [&] { return openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
     Listing listing(opened ? fdopendir(opened.get()) : nullptr);
     if (listing)
         opened.release();

@@ -1,5 +1,7 @@
 #include "hal/directory.h"
 
+#include "hal/sessions.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -58,7 +60,8 @@ Descriptor open_directory() {
         path.pop_back();
     mkdir(path.c_str(), S_IRWXU);
 
-    Descriptor directory(open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    Descriptor directory = make_descriptor(
+        [&] { return open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); });
     struct stat status = {};
     if (!directory || fstat(directory.get(), &status) != 0)
         return {};

@@ -1,5 +1,6 @@
 // HDC clients, which open sessions.
 #include "hal/directory.h"
+#include "hal/handles.h"
 #include "hal/hdc.h"
 #include "hal/socket.h"
 #include "platform_hal_codes.h"
@@ -65,7 +66,7 @@ int32_t drvHdcSessionConnect(int32_t peer_node, int32_t peer_device_id, HDC_CLIE
         return HAL_ERR_TOO_MANY;
     if (const int32_t code = __connect(*opened, peer_device_id); code != 0)
         return code;
-    *session = hal::Sessions::table().add(std::move(opened));
+    *session = hal::SessionTable::only().add(std::move(opened));
     return 0;
 } catch (const std::bad_alloc&) {
     return HAL_ERR_NO_MEMORY;

@@ -1,5 +1,6 @@
 // HDC servers: a listening socket for each device id.
 #include "hal/directory.h"
+#include "hal/handles.h"
 #include "hal/hdc.h"
 #include "hal/socket.h"
 #include "platform_hal_codes.h"
@@ -10,6 +11,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <ctime>
 #include <new>
 
 namespace {
@@ -17,7 +19,8 @@ namespace {
 // Clients that may wait to be accepted: as many as one client of the library has sessions.
 constexpr int kBacklog = 64;
 
-constexpr uint32_t kAcceptedBetweenReleases = 128;
+// What accept4(2) lacks is free again some time later.
+constexpr timespec kPause = {0, 100'000'000};
 
 // With other users allowed, the session checks who connects, not the socket's file.
 constexpr mode_t kModeOwn = 0600;
@@ -67,23 +70,21 @@ bool __is_passing(int error) {
            error == EINVAL; // destroyed since the wait
 }
 
-// Accepts one client. @return HAL_ERR_WOULD_BLOCK when there is none that is allowed.
+// Accepts one client. @return HAL_ERR_WOULD_BLOCK when there is none that may have a session.
 int32_t __accept(const Server& server, HDC_SESSION* session) {
     const hal::CancelGuard guard;
     auto accepted = std::make_shared<hal::Session>(nullptr);
-    accepted->socket = hal::Descriptor(
-        accept4(server.listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    accepted->socket = hal::make_descriptor([&] {
+        return accept4(server.listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    });
     if (!accepted->socket)
         return __is_passing(errno) ? HAL_ERR_WOULD_BLOCK : HAL_ERR_SYSTEM;
     const std::optional<uid_t> peer = hal::allowed_peer(accepted->socket);
     if (!peer)
         return HAL_ERR_WOULD_BLOCK;
     accepted->peer_uid = *peer;
-    *session = hal::Sessions::table().add(std::move(accepted));
-    static std::atomic<uint32_t> accepted_count = 0;
-    if (++accepted_count % kAcceptedBetweenReleases == 0)
-        hal::release_gone_sessions();
-    return 0;
+    const int32_t code = hal::SessionTable::only().admit(std::move(accepted), session);
+    return code == HAL_ERR_TOO_MANY ? HAL_ERR_WOULD_BLOCK : code;
 }
 
 } // namespace
@@ -124,7 +125,10 @@ int32_t drvHdcSessionAccept(HDC_SERVER server, HDC_SESSION* session) try {
     for (;;) {
         if ((hal::wait_ready(listening->listener, POLLIN, std::nullopt) & POLLHUP) != 0)
             return HAL_ERR_SERVER_ENDED;
-        if (const int32_t code = __accept(*listening, session); code != HAL_ERR_WOULD_BLOCK)
+        const int32_t code = __accept(*listening, session);
+        if (code == HAL_ERR_SYSTEM)
+            nanosleep(&kPause, nullptr);
+        if (code != HAL_ERR_WOULD_BLOCK)
             return code;
     }
 } catch (const std::bad_alloc&) {

@@ -39,7 +39,8 @@ sockaddr_un address_in(const Descriptor& directory, const char* name) {
 }
 
 Descriptor open_socket(int type) {
-    return Descriptor(socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    return make_descriptor(
+        [type] { return socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); });
 }
 
 Descriptor bind_socket(int type, const Descriptor& directory, const char* name, mode_t mode) {

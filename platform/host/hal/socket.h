@@ -2,7 +2,7 @@
 #ifndef HAL_SOCKET_H
 #define HAL_SOCKET_H
 
-#include "hal/descriptor.h"
+#include "hal/sessions.h"
 
 #include <sys/types.h>
 #include <sys/un.h>
@@ -11,8 +11,6 @@
 #include <optional>
 
 namespace hal {
-
-using Clock = std::chrono::steady_clock;
 
 // @return the address of a socket, by its file's name in the directory.
 sockaddr_un address_in(const Descriptor& directory, const char* name);
