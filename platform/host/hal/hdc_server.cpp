@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -27,6 +28,8 @@ constexpr timespec kPause = {0, 100'000'000};
 // With other users allowed, the session checks who connects, not the socket's file.
 constexpr mode_t kModeOwn = 0600;
 constexpr mode_t kModeAll = 0666;
+
+constexpr const char* kUnfinished = "unfinished";
 
 // The device id is held by a lock on a byte of the directory itself, the one at its number: it goes
 // with the process, and no file can be removed from under it. A directory cannot be opened for
@@ -83,6 +86,27 @@ void Server::release_id() const {
     fcntl(directory.descriptor.get(), F_OFD_SETLK, &none);
 }
 
+// Makes the socket in a directory below, where nobody looks for it, and moves it to its place when
+// it is complete: that is the place of the one that an ended server left. The kernel lists a socket
+// under the name that it was bound to, so it has its own name from the start.
+bool __make_listener(Server& server) {
+    const int place = server.directory.descriptor.get();
+    mkdirat(place, kUnfinished, S_IRWXU); // unless a killed server left it
+    hal::Directory below;
+    below.descriptor = hal::make_descriptor([place] {
+        return openat(place, kUnfinished, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    });
+    if (!below.descriptor)
+        return false;
+    const hal::FileName name = hal::socket_name(server.device_id);
+    unlinkat(below.descriptor.get(), name.data(), 0);
+    const mode_t mode = hal::setting("DM_HAL_ALLOW_UIDS") != nullptr ? kModeAll : kModeOwn;
+    server.listener = hal::bind_socket(SOCK_SEQPACKET, below, name.data(), mode);
+    return server.listener && listen(server.listener.get(), kBacklog) == 0 &&
+           renameat(below.descriptor.get(), name.data(), place, name.data()) == 0 &&
+           unlinkat(place, kUnfinished, AT_REMOVEDIR) == 0;
+}
+
 int32_t __listen(Server& server) {
     if (const int32_t code = hal::open_own_directory(server.directory); code != 0)
         return code;
@@ -91,17 +115,7 @@ int32_t __listen(Server& server) {
         return __system_error(server);
     if (const int32_t code = server.take_id(); code != 0)
         return code;
-    // The socket gets its name when it is complete, in place of the one that an ended server left.
-    const hal::FileName name = hal::socket_name(server.device_id);
-    const std::string unfinished = std::string(name.data()) + ".new";
-    const int directory = server.directory.descriptor.get();
-    unlinkat(directory, unfinished.c_str(), 0);
-    const mode_t mode = hal::setting("DM_HAL_ALLOW_UIDS") != nullptr ? kModeAll : kModeOwn;
-    server.listener = hal::bind_socket(SOCK_SEQPACKET, server.directory, unfinished.c_str(), mode);
-    if (!server.listener || listen(server.listener.get(), kBacklog) != 0 ||
-        renameat(directory, unfinished.c_str(), directory, name.data()) != 0)
-        return __system_error(server);
-    return 0;
+    return __make_listener(server) ? 0 : __system_error(server);
 }
 
 // Says whether accept4(2) failed for a reason that the next wait clears up.
