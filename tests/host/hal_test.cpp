@@ -1,5 +1,6 @@
 /** The host's HAL: channels between the threads and processes of this machine. */
-#include "platform_hal.h"
+#include "platform_hal_codes.h"
+#include "support/platform_hooks.h"
 
 #include <gtest/gtest.h>
 
@@ -9,8 +10,10 @@
 #include <fstream>
 #include <future>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <vector>
 
 namespace {
 
@@ -62,15 +65,27 @@ struct Hal : testing::Test {
         EXPECT_EQ(drvHdcClientCreate(&client, 90, 0, 0), 0);
     }
     ~Hal() override {
+        drvHdcSessionClose(near);
+        drvHdcSessionClose(far);
         drvHdcServerDestroy(server);
         drvHdcClientDestroy(client);
         fs::remove_all(root);
         unsetenv("DM_HAL_ALLOW_UIDS");
+        unsetenv("XDG_RUNTIME_DIR");
     }
     int32_t serve() { return drvHdcServerCreate(device, 0, &server); }
     int32_t connect() { return drvHdcSessionConnect(0, device, client, &near); }
     int32_t accept() { return drvHdcSessionAccept(server, &far); }
     bool open() { return serve() == 0 && connect() == 0 && accept() == 0; }
+    static int32_t peer_of(HDC_SESSION session) {
+        int32_t uid = -1;
+        return halHdcGetSessionAttr(session, HAL_HDC_ATTR_UID, &uid) == 0 ? uid : -1;
+    }
+    mode_t mode_of(const std::string& name) {
+        struct stat status = {};
+        return lstat((directory + name).c_str(), &status) == 0 ? status.st_mode : 0;
+    }
+    int logged_of(const std::string& end) { return support::logged('E', directory + end + '\n'); }
     bool passes(HDC_SESSION from, HDC_SESSION to, const std::string& sent) {
         return send(from, sent) == 0 && receive(to, &text, 60'000) == 0 && text == sent;
     }
@@ -105,19 +120,23 @@ TEST_F(Hal, MessagesGoBothWaysUntilTheTimeIsOverOrTheSessionCloses) {
 }
 
 TEST_F(Hal, ADeviceIdHasOneLiveServer) {
-    const pid_t child = fork();
-    if (child == 0)
-        _exit(serve() == 0 ? raise(SIGKILL) : 1);
     int status = 0;
-    EXPECT_TRUE(waitpid(child, &status, 0) == child && WIFSIGNALED(status));
+    if (fork() == 0)
+        _exit(serve() == 0 ? raise(SIGKILL) : 1);
+    EXPECT_TRUE(wait(&status) > 0 && WIFSIGNALED(status));
     EXPECT_EQ(connect(), HAL_HDC_NOT_READY);
     EXPECT_EQ(serve(), 0) << "in place of the killed one";
-    EXPECT_TRUE(is_final(drvHdcServerCreate(device, 0, &far)));
+    if (fork() == 0)
+        _exit(drvHdcServerDestroy(server));
+    EXPECT_TRUE(wait(&status) > 0 && status == 0);
     int32_t code = 0;
     for (int waiting = 0; code == 0 && waiting < 80; ++waiting)
         code = connect();
-    EXPECT_EQ(code, HAL_HDC_NOT_READY) << "too many wait";
-    EXPECT_TRUE(accept() == 0 && connect() == 0);
+    EXPECT_TRUE(code == HAL_HDC_NOT_READY && near != 0) << "too many wait";
+    EXPECT_TRUE(accept() == 0 && connect() == 0 && drvHdcSessionClose(far) == 0);
+    for (const auto& file : fs::directory_iterator(directory))
+        fs::remove(file);
+    EXPECT_EQ(drvHdcServerCreate(device, 0, &far), HAL_ERR_SERVER_EXISTS) << "no file holds it";
     EXPECT_EQ(drvHdcServerDestroy(server), 0);
 
     ASSERT_TRUE(open());
@@ -126,6 +145,42 @@ TEST_F(Hal, ADeviceIdHasOneLiveServer) {
     EXPECT_EQ(drvHdcServerDestroy(server), 0);
     EXPECT_TRUE(is_final(accepting.get()));
     EXPECT_TRUE(connect() == HAL_HDC_NOT_READY && passes(near, far, "still open"));
+}
+
+TEST_F(Hal, SessionsThatGetNoAnswerLeaveRoomForOthers) {
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit few = {320, limit.rlim_max};
+    ASSERT_TRUE(setrlimit(RLIMIT_NOFILE, &few) == 0 && open());
+    const HDC_SESSION unanswered = far;
+    std::vector<HDC_SESSION> ends = {near};
+    while (ends.size() < 80 && connect() == 0 && accept() == 0)
+        ends.push_back(near);
+    auto accepting = std::async(background, drvHdcSessionAccept, server, &far);
+    EXPECT_EQ(connect(), 0);
+    EXPECT_EQ(receive(near, &text, 60'000), HAL_ERR_PEER_GONE) << "a quarter of the descriptors";
+    for (const HDC_SESSION end : ends)
+        drvHdcSessionClose(end);
+    ASSERT_TRUE(connect() == 0 && accepting.get() == 0);
+    EXPECT_TRUE(passes(near, far, "room is made by those whose peer has gone"));
+    EXPECT_EQ(receive(unanswered, &text, 1), HAL_ERR_PEER_GONE);
+    EXPECT_EQ(peer_of(unanswered), static_cast<int32_t>(geteuid()));
+    EXPECT_EQ(drvHdcSessionClose(unanswered), 0);
+    EXPECT_TRUE(drvHdcSessionClose(unanswered) == HAL_ERR_BAD_HANDLE && peer_of(unanswered) < 0);
+
+    for (int i = 0; i < 40; ++i)
+        EXPECT_TRUE(connect() == 0 && accept() == 0 && drvHdcSessionClose(near) == 0);
+    std::vector<int> others;
+    while (others.empty() || others.back() >= 0)
+        others.push_back(dup(STDIN_FILENO));
+    int32_t code = 0;
+    support::fail_each(support::Call::malloc, [&] {
+        code = connect() == 0 ? accept() : HAL_ERR_NO_MEMORY;
+        EXPECT_TRUE(code == 0 || is_final(code)) << "no exception: " << code;
+    });
+    EXPECT_EQ(code, 0) << "although no descriptor was left";
+    std::for_each(others.begin(), others.end(), close);
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 TEST_F(Hal, OnlyOpenHandlesAreTaken) {
@@ -149,39 +204,58 @@ TEST_F(Hal, OnlyOpenHandlesAreTaken) {
     drvHdcFreeMsg(msg);
 }
 
-TEST_F(Hal, OtherUsersNeedLeave) {
+TEST_F(Hal, OtherUsersNeedLeaveToTalkAndOwnNoDirectory) {
     if (geteuid() != 0)
         GTEST_SKIP() << "only root can be another user";
     setenv("DM_HAL_ALLOW_UIDS", "0,65534", 1);
     ASSERT_TRUE(serve() == 0 && chmod(root.c_str(), 0711) == 0);
     ASSERT_EQ(chmod(directory.c_str(), 0711), 0);
+    EXPECT_EQ(mode_of("/hdc-7"), S_IFSOCK | 01666U) << "not to be cleaned away";
     setenv("DM_HAL_ALLOW_UIDS", "65534", 1);
     ASSERT_EQ(seteuid(65534), 0);
-    EXPECT_TRUE(is_final(connect())) << "the directory is another's";
+    EXPECT_EQ(connect(), HAL_ERR_BAD_DIRECTORY) << "the directory is another's";
     ASSERT_EQ(seteuid(0), 0);
     for (const auto& [listed, accepted] :
          {std::pair("6553,34,0", 0), std::pair("0,65534", 65534)}) {
         setenv("DM_HAL_ALLOW_UIDS", listed, 1);
         ASSERT_TRUE(seteuid(65534) == 0 && connect() == 0 && seteuid(0) == 0);
         ASSERT_TRUE(connect() == 0 && accept() == 0);
-        int32_t uid = -1;
-        EXPECT_EQ(halHdcGetSessionAttr(far, HAL_HDC_ATTR_UID, &uid), 0);
-        EXPECT_EQ(uid, accepted) << "the first that is allowed";
+        EXPECT_EQ(peer_of(far), accepted) << "the first that is allowed";
     }
+    ASSERT_EQ(chown(directory.c_str(), 65534, 0), 0);
+    EXPECT_EQ(drvHdcServerCreate(device + 1, 0, &far), HAL_ERR_BAD_DIRECTORY);
+    EXPECT_EQ(devdrv_open_device_manager(), -HAL_ERR_BAD_DIRECTORY);
+    EXPECT_EQ(connect(), HAL_ERR_REFUSED) << "root's server, where user 65534 can lay links";
+    fs::rename(directory, root + "/dm_hal");
+    setenv("XDG_RUNTIME_DIR", root.c_str(), 1);
+    unsetenv("DM_HAL_DIR");
+    EXPECT_EQ(connect(), HAL_ERR_BAD_DIRECTORY) << "nobody has named another's directory";
 }
 
-TEST_F(Hal, ADirectoryThatOthersReachIsRefused) {
-    EXPECT_EQ(connect(), HAL_HDC_NOT_READY);
-    for (const mode_t mode : {0755U, 0711U, 0770U}) {
+TEST_F(Hal, ARefusalIsLoggedOnceWithPlaceAndReason) {
+    EXPECT_TRUE(connect() == HAL_HDC_NOT_READY && mode_of("") == 0) << "its server makes it";
+    ASSERT_EQ(serve(), 0);
+    EXPECT_EQ(mode_of("/hdc-7"), S_IFSOCK | 01600U);
+    support::clear_log();
+    for (int i = 0; i < 42; ++i)
+        EXPECT_EQ(drvHdcServerCreate(device, 0, &far), HAL_ERR_SERVER_EXISTS);
+    for (const mode_t mode : {0711U, 0770U, 0755U}) {
         chmod(directory.c_str(), mode);
         EXPECT_TRUE(is_final(serve()) && is_final(connect()) && devdrv_open_device_manager() < 0);
     }
+    EXPECT_EQ(support::log_lines().size(), 4U);
+    EXPECT_EQ(logged_of("/hdc-7: another server has this device id"), 1);
+    EXPECT_EQ(logged_of(": the directory of the sockets cannot be used: its mode 0755 gives rights "
+                        "to others"),
+              1);
     chmod(directory.c_str(), 0700);
     fs::create_directory_symlink(directory, root + "/link");
     for (const char* path : {"/link", "/link/", "/missing/below"}) {
         setenv("DM_HAL_DIR", (root + path).c_str(), 1);
-        EXPECT_TRUE(is_final(connect())) << path;
+        EXPECT_TRUE(is_final(connect()) && is_final(serve())) << path;
     }
+    for (int32_t code = HAL_ERR_FIRST; code <= HAL_ERR_LAST; ++code)
+        EXPECT_STRNE(hal_strerror(code), hal_strerror(HAL_ERR_LAST + 1));
 }
 
 TEST_F(Hal, ADeviceMessageReachesTheOtherEndpoints) {

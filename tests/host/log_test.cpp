@@ -14,7 +14,6 @@
 #include <cstdlib>
 #include <functional>
 #include <map>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
@@ -88,44 +87,22 @@ TEST(Log, OneCallIsOneLineWhateverItsTextAndKeepsErrno) {
         DlogErrorInner(module, "ends\r\n\n");
         DlogErrorInner(module, "%s%c%s", "a\r\nb\tc\x1b", '\0', "d");
         DlogErrorInner(module, "no such character: %lc\n", static_cast<wint_t>(0x7fffffff));
+        std::thread([] { DlogErrorInner(module, "%d\n", gettid()); }).join();
         DlogErrorInner(module, "%02000d\n", 0);
         close(STDERR_FILENO);
         DlogErrorInner(module, "not to be had");
         return errno == EDOM;
     });
-    ASSERT_EQ(lines.size(), 4U);
+    ASSERT_EQ(lines.size(), 5U);
     EXPECT_LE(lines.back().size(), 1024U);
     EXPECT_TRUE(lines.back().ends_with("000\n"));
     lines.pop_back();
+    std::array<int, 2> threads = {};
+    EXPECT_EQ(std::sscanf(lines.back().c_str(), "ERROR %d %d\n", &threads[0], &threads[1]), 2);
+    EXPECT_EQ(threads[0], threads[1]) << "it names its thread";
+    lines.pop_back();
     EXPECT_EQ(lines,
               Lines({"ERROR ends\n", "ERROR a  b\tc  d\n", "ERROR no such character: %lc\n"}));
-}
-
-TEST(Log, LinesOfSeveralThreadsStayWholeAndNameTheirThread) {
-    constexpr size_t threads = 4;
-    constexpr size_t count = 200;
-    const Lines lines = lines_of("info", [] {
-        std::vector<std::jthread> running;
-        for (size_t i = 0; i < threads; ++i)
-            running.emplace_back([] {
-                for (size_t line = 0; line < count; ++line)
-                    DlogInfoInner(module, "%d wrote %zu\n", gettid(), line);
-            });
-        return true;
-    });
-    EXPECT_EQ(lines.size(), threads * count);
-    std::map<int, size_t> next;
-    for (const std::string& line : lines) {
-        int thread = 0;
-        int writer = 0;
-        size_t number = 0;
-        int end = 0;
-        std::sscanf(line.c_str(), "INFO %d %d wrote %zu%n", &thread, &writer, &number, &end);
-        ASSERT_EQ(line.substr(static_cast<size_t>(end)), "\n");
-        ASSERT_EQ(thread, writer);
-        ASSERT_EQ(number, next[thread]++);
-    }
-    EXPECT_EQ(next.size(), threads);
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 //
 // Endpoints are closed with close(2), which leaves their files behind; whoever opens the next one
 // removes them. The files' names are random, and so never used again.
+#include "hal/complaint.h"
 #include "hal/directory.h"
 #include "hal/socket.h"
 #include "platform_hal.h"
@@ -10,7 +11,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/random.h>
 #include <sys/socket.h>
 
@@ -42,8 +42,10 @@ struct DirCloser {
 
 using Listing = std::unique_ptr<DIR, DirCloser>;
 
-Listing __list(const hal::Descriptor& directory) {
-    hal::Descriptor opened(openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+Listing __list(const hal::Directory& directory) {
+    hal::Descriptor opened = hal::make_descriptor([&] {
+        return openat(directory.descriptor.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    });
     Listing listing(opened ? fdopendir(opened.get()) : nullptr);
     if (listing)
         opened.release();
@@ -59,44 +61,41 @@ const char* __next_endpoint(DIR* listing) {
     return nullptr;
 }
 
-// A lock of the directory. Unlocked by hand, for a child that another thread has forked meanwhile
-// shares the lock until it starts its program.
-class DirectoryLock {
-public:
-    explicit DirectoryLock(DIR* listing) : fd_(dirfd(listing)) {
-        do {
-            held_ = flock(fd_, LOCK_EX) == 0;
-        } while (!held_ && errno == EINTR);
-    }
-    DirectoryLock(const DirectoryLock&) = delete;
-    DirectoryLock& operator=(const DirectoryLock&) = delete;
-    ~DirectoryLock() { flock(fd_, LOCK_UN); }
-
-    bool held() const { return held_; }
-
-private:
-    int fd_;
-    bool held_ = false;
-};
-
 // Removes the files of closed endpoints. One that is just being bound looks like them, so that who
 // binds and who removes holds the lock.
-void __remove_closed(const hal::Descriptor& directory, DIR* listing) {
+void __remove_closed(const hal::Directory& directory, DIR* listing) {
     const hal::Descriptor probe = hal::open_socket(SOCK_DGRAM);
     while (const char* name = __next_endpoint(listing)) {
         if (hal::connect_socket(probe, directory, name) != 0 && errno == ECONNREFUSED)
-            unlinkat(directory.get(), name, 0);
+            unlinkat(directory.descriptor.get(), name, 0);
     }
 }
 
 // @return an endpoint under a new name, which others of this user may send to.
-hal::Descriptor __bind(const hal::Descriptor& directory) {
+hal::Descriptor __bind(const hal::Directory& directory) {
     uint64_t number = 0;
     if (getrandom(&number, sizeof(number), 0) != static_cast<ssize_t>(sizeof(number)))
         return {};
     std::array<char, 32> name = {};
     std::snprintf(name.data(), name.size(), "%s%016" PRIx64, kPrefix.data(), number);
     return hal::bind_socket(SOCK_DGRAM, directory, name.data(), 0600);
+}
+
+int32_t __system_error(const hal::Directory& directory) {
+    return hal::complain(directory.path, HAL_ERR_SYSTEM, strerrordesc_np(errno));
+}
+
+int32_t __open(hal::Descriptor& endpoint) {
+    hal::Directory directory;
+    if (const int32_t code = hal::open_own_directory(directory); code != 0)
+        return code;
+    const Listing listing = __list(directory);
+    const hal::DirectoryLock lock(directory);
+    if (!listing || !lock.held())
+        return __system_error(directory);
+    __remove_closed(directory, listing.get());
+    endpoint = __bind(directory);
+    return endpoint ? 0 : __system_error(directory);
 }
 
 // @return the name of an endpoint's file; empty when the descriptor is not an endpoint.
@@ -112,15 +111,15 @@ std::string __name_of(int fd) {
 
 // Sends to all endpoints but one. Who is closed, or has no room, misses the message.
 int32_t __broadcast(const Packet& packet, size_t size, std::string_view but) {
-    const hal::Descriptor directory = hal::open_directory();
-    const Listing listing = directory ? __list(directory) : nullptr;
-    if (!listing)
-        return HAL_ERR_BAD_DIRECTORY;
+    hal::Directory directory;
+    if (const int32_t code = hal::open_own_directory(directory); code != 0)
+        return code;
+    const Listing listing = __list(directory);
     // A socket for this message alone: what lies unread at one endpoint counts against the sending
     // socket, and would take the room of messages to the others.
     const hal::Descriptor sender = hal::open_socket(SOCK_DGRAM);
-    if (!sender)
-        return HAL_ERR_SYSTEM;
+    if (!listing || !sender)
+        return __system_error(directory);
     while (const char* name = __next_endpoint(listing.get())) {
         if (name == but)
             continue;
@@ -135,16 +134,9 @@ int32_t __broadcast(const Packet& packet, size_t size, std::string_view but) {
 
 int32_t devdrv_open_device_manager(void) try {
     const hal::CancelGuard guard;
-    const hal::Descriptor directory = hal::open_directory();
-    const Listing listing = directory ? __list(directory) : nullptr;
-    if (!listing)
-        return -HAL_ERR_BAD_DIRECTORY;
-    const DirectoryLock lock(listing.get());
-    if (!lock.held())
-        return -HAL_ERR_SYSTEM;
-    __remove_closed(directory, listing.get());
-    hal::Descriptor endpoint = __bind(directory);
-    return endpoint ? endpoint.release() : -HAL_ERR_SYSTEM;
+    hal::Descriptor endpoint;
+    const int32_t code = __open(endpoint);
+    return code == 0 ? endpoint.release() : -code;
 } catch (const std::bad_alloc&) {
     return -HAL_ERR_NO_MEMORY;
 }

@@ -1,4 +1,8 @@
 // The place of the sockets, and who may take part there.
+//
+// Two questions are kept apart. Whose directory it may be: who makes sockets there owns it, and who
+// connects takes another's only where DM_HAL_DIR names it. And who may talk over the sockets, which
+// is asked of each peer.
 #ifndef HAL_DIRECTORY_H
 #define HAL_DIRECTORY_H
 
@@ -6,16 +10,51 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+#include <string>
+
 namespace hal {
 
 // @return the value of an environment variable; null when it is not set, or empty.
 const char* setting(const char* name);
 
-// Opens the directory of the sockets, and makes it when it is missing. It must be a directory, not
-// a link to one, belong to an allowed user and be closed to others; when DM_HAL_ALLOW_UIDS is set,
-// others may search it, but neither list nor change it.
-// @return a descriptor to name files by (O_PATH); empty when there is no such directory.
-Descriptor open_directory();
+// A directory that was opened and found right. What is in it is named by the descriptor alone: the
+// path may lead elsewhere by now.
+struct Directory {
+    // @return the path of something in it, for the log.
+    std::string path_of(const char* name) const { return path + '/' + name; }
+
+    std::string path;
+    Descriptor descriptor;
+    uid_t owner = 0;
+};
+
+// Opens the directory for sockets of this process's own, and makes it when it is missing. It is a
+// directory, not a link to one, the caller's own, and closed to others; when DM_HAL_ALLOW_UIDS is
+// set, others may search it, but neither list nor change it.
+// @return 0, or HAL_ERR_BAD_DIRECTORY; the log then has the reason.
+int32_t open_own_directory(Directory& directory);
+
+// Opens the directory for connecting to a server in it (O_PATH). It may also belong to a user in
+// DM_HAL_ALLOW_UIDS when DM_HAL_DIR names it.
+// @return 0; HAL_HDC_NOT_READY when nothing is there yet; HAL_ERR_BAD_DIRECTORY as above.
+int32_t open_servers_directory(Directory& directory);
+
+// Holds the directory against others who add and remove files there. Unlocked by hand, for a child
+// that another thread has forked meanwhile shares the lock until it starts its program.
+class DirectoryLock {
+public:
+    explicit DirectoryLock(const Directory& directory);
+    DirectoryLock(const DirectoryLock&) = delete;
+    DirectoryLock& operator=(const DirectoryLock&) = delete;
+    ~DirectoryLock();
+
+    bool held() const { return held_; }
+
+private:
+    int fd_;
+    bool held_ = false;
+};
 
 // Says whether a user is the caller's own, or is listed in DM_HAL_ALLOW_UIDS.
 bool is_allowed(uid_t uid);

@@ -1,4 +1,4 @@
-// The numbers by which callers know servers, clients and sessions.
+// The numbers by which callers know servers and clients; sessions have a table of their own.
 #ifndef HAL_HANDLES_H
 #define HAL_HANDLES_H
 
@@ -11,7 +11,8 @@
 
 namespace hal {
 
-// One count for all kinds, so that no number is ever given twice, or stands for two kinds.
+// One count for all kinds and sessions, so that no number is ever given twice, or stands for two
+// kinds.
 inline std::atomic<uint64_t> last_handle = 0;
 
 // The open objects of a kind. A call shares the object while it works on it: closing the handle
@@ -44,15 +45,6 @@ public:
         const std::scoped_lock lock(mutex_);
         const auto node = objects_.extract(handle);
         return node ? node.mapped() : nullptr;
-    }
-
-    // Puts another object behind each handle for whose own one `successor` gives one.
-    template<class Successor>
-    void replace_each(Successor successor) {
-        const std::scoped_lock lock(mutex_);
-        for (auto& [handle, object] : objects_)
-            if (std::shared_ptr<T> next = successor(*object))
-                object = std::move(next);
     }
 
 private:

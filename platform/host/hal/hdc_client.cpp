@@ -1,5 +1,7 @@
 // HDC clients, which open sessions.
+#include "hal/complaint.h"
 #include "hal/directory.h"
+#include "hal/handles.h"
 #include "hal/hdc.h"
 #include "hal/socket.h"
 #include "platform_hal_codes.h"
@@ -7,6 +9,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstring>
 #include <new>
 
 namespace {
@@ -15,21 +18,22 @@ using Clients = hal::Handles<hal::Client>;
 
 // Connects a session's socket, without waiting.
 int32_t __connect(hal::Session& session, int32_t device_id) {
-    const hal::Descriptor directory = hal::open_directory();
-    if (!directory)
-        return HAL_ERR_BAD_DIRECTORY;
+    hal::Directory directory;
+    if (const int32_t code = hal::open_servers_directory(directory); code != 0)
+        return code;
+    const hal::FileName name = hal::socket_name(device_id);
     session.socket = hal::open_socket(SOCK_SEQPACKET);
-    if (!session.socket)
-        return HAL_ERR_SYSTEM;
-    if (hal::connect_socket(session.socket, directory, hal::socket_name(device_id).data()) != 0) {
+    if (!session.socket || hal::connect_socket(session.socket, directory, name.data()) != 0) {
         // No socket, a socket of a process that has ended, or too many clients waiting.
         if (errno == ENOENT || errno == ECONNREFUSED || errno == EAGAIN)
             return HAL_HDC_NOT_READY;
-        return errno == EACCES ? HAL_ERR_REFUSED : HAL_ERR_SYSTEM;
+        const int32_t code = errno == EACCES ? HAL_ERR_REFUSED : HAL_ERR_SYSTEM;
+        return hal::complain(directory.path_of(name.data()), code, strerrordesc_np(errno));
     }
-    const std::optional<uid_t> peer = hal::allowed_peer(session.socket);
-    if (!peer)
-        return HAL_ERR_REFUSED;
+    // A server owns its directory. Who else answers is behind a link that was laid there.
+    const std::optional<uid_t> peer = hal::peer_of(session.socket);
+    if (peer != directory.owner)
+        return hal::complain(directory.path_of(name.data()), HAL_ERR_REFUSED);
     session.peer_uid = *peer;
     return 0;
 }
@@ -65,7 +69,7 @@ int32_t drvHdcSessionConnect(int32_t peer_node, int32_t peer_device_id, HDC_CLIE
         return HAL_ERR_TOO_MANY;
     if (const int32_t code = __connect(*opened, peer_device_id); code != 0)
         return code;
-    *session = hal::Sessions::table().add(std::move(opened));
+    *session = hal::SessionTable::only().add(std::move(opened));
     return 0;
 } catch (const std::bad_alloc&) {
     return HAL_ERR_NO_MEMORY;

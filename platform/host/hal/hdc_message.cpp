@@ -25,8 +25,9 @@ int32_t drvHdcGetCapacity(HDC_CAPACITY_ST* capacity) {
 int32_t drvHdcAllocMsg(HDC_SESSION session, HAL_HDC_MSG** msg, int32_t count) try {
     if (msg == nullptr || count <= 0 || count > IOV_MAX)
         return HAL_ERR_INVALID_ARGUMENT;
-    if (!hal::Sessions::table().find(session))
-        return HAL_ERR_BAD_HANDLE;
+    std::shared_ptr<hal::Session> found;
+    if (const int32_t code = hal::SessionTable::only().find(session, found); code != 0)
+        return code;
     auto allocated = std::make_unique<HAL_HDC_MSG>();
     allocated->max_buffers = static_cast<size_t>(count);
     allocated->buffers.reserve(allocated->max_buffers);

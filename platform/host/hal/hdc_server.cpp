@@ -1,64 +1,121 @@
 // HDC servers: a listening socket for each device id.
+#include "hal/complaint.h"
 #include "hal/directory.h"
+#include "hal/handles.h"
 #include "hal/hdc.h"
 #include "hal/socket.h"
 #include "platform_hal_codes.h"
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <cerrno>
+#include <cstring>
+#include <ctime>
 #include <new>
+#include <string>
 
 namespace {
 
 // Clients that may wait to be accepted: as many as one client of the library has sessions.
 constexpr int kBacklog = 64;
 
-constexpr uint32_t kAcceptedBetweenReleases = 128;
+// What accept4(2) lacks is free again some time later.
+constexpr timespec kPause = {0, 100'000'000};
 
 // With other users allowed, the session checks who connects, not the socket's file.
 constexpr mode_t kModeOwn = 0600;
 constexpr mode_t kModeAll = 0666;
 
+constexpr const char* kUnfinished = "unfinished";
+
+// The device id is held by a lock on a byte of the directory itself, the one at its number: it goes
+// with the process, and no file can be removed from under it. A directory cannot be opened for
+// writing, so it is a lock for reading, which is looked for and set while DirectoryLock is held.
 struct Server {
-    hal::FileName name = {};
-    hal::Descriptor directory;
-    hal::Descriptor lock;
+    ~Server() { release_id(); }
+
+    int32_t take_id();
+    void release_id() const;
+
+    // A forked child has the handle, too, and shares all that is behind it.
+    bool is_of_this_process() const { return maker == getpid(); }
+
+    const pid_t maker = getpid();
+    int32_t device_id = 0;
+    hal::Directory directory;
     hal::Descriptor listener;
 };
 
 using Servers = hal::Handles<Server>;
 
-// Takes the device id for as long as the process lives. The lock's file is never removed: another
-// process may be about to lock it.
-int32_t __lock(Server& server) {
-    hal::FileName name = {};
-    std::snprintf(name.data(), name.size(), "%s.lock", server.name.data());
-    server.lock = hal::Descriptor(openat(server.directory.get(), name.data(),
-                                         O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kModeOwn));
-    if (!server.lock)
-        return HAL_ERR_SYSTEM;
-    if (flock(server.lock.get(), LOCK_EX | LOCK_NB) != 0)
-        return errno == EWOULDBLOCK ? HAL_ERR_SERVER_EXISTS : HAL_ERR_SYSTEM;
-    return 0;
+struct flock __lock_of(const Server& server, int type) {
+    struct flock lock = {};
+    lock.l_type = static_cast<short>(type);
+    lock.l_whence = SEEK_SET;
+    lock.l_start = server.device_id;
+    lock.l_len = 1;
+    return lock;
+}
+
+std::string __path(const Server& server) {
+    return server.directory.path_of(hal::socket_name(server.device_id).data());
+}
+
+int32_t __system_error(const Server& server) {
+    return hal::complain(__path(server), HAL_ERR_SYSTEM, strerrordesc_np(errno));
+}
+
+int32_t Server::take_id() {
+    struct flock other = __lock_of(*this, F_WRLCK);
+    if (fcntl(directory.descriptor.get(), F_OFD_GETLK, &other) != 0)
+        return __system_error(*this);
+    if (other.l_type != F_UNLCK)
+        return hal::complain(__path(*this), HAL_ERR_SERVER_EXISTS);
+    struct flock own = __lock_of(*this, F_RDLCK);
+    return fcntl(directory.descriptor.get(), F_OFD_SETLK, &own) == 0 ? 0 : __system_error(*this);
+}
+
+// By hand, for a child that another thread has forked shares the lock until it starts its program.
+void Server::release_id() const {
+    if (!is_of_this_process())
+        return;
+    struct flock none = __lock_of(*this, F_UNLCK);
+    fcntl(directory.descriptor.get(), F_OFD_SETLK, &none);
+}
+
+// Makes the socket in a directory below, where nobody looks for it, and moves it to its place when
+// it is complete: that is the place of the one that an ended server left. The kernel lists a socket
+// under the name that it was bound to, so it has its own name from the start.
+bool __make_listener(Server& server) {
+    const int place = server.directory.descriptor.get();
+    mkdirat(place, kUnfinished, S_IRWXU); // unless a killed server left it
+    hal::Directory below;
+    below.descriptor = hal::make_descriptor([place] {
+        return openat(place, kUnfinished, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    });
+    if (!below.descriptor)
+        return false;
+    const hal::FileName name = hal::socket_name(server.device_id);
+    unlinkat(below.descriptor.get(), name.data(), 0);
+    const mode_t mode = hal::setting("DM_HAL_ALLOW_UIDS") != nullptr ? kModeAll : kModeOwn;
+    server.listener = hal::bind_socket(SOCK_SEQPACKET, below, name.data(), mode);
+    return server.listener && listen(server.listener.get(), kBacklog) == 0 &&
+           renameat(below.descriptor.get(), name.data(), place, name.data()) == 0 &&
+           unlinkat(place, kUnfinished, AT_REMOVEDIR) == 0;
 }
 
 int32_t __listen(Server& server) {
-    server.directory = hal::open_directory();
-    if (!server.directory)
-        return HAL_ERR_BAD_DIRECTORY;
-    if (const int32_t code = __lock(server); code != 0)
+    if (const int32_t code = hal::open_own_directory(server.directory); code != 0)
         return code;
-    // Under the lock, a socket that lies there is what a killed server left.
-    unlinkat(server.directory.get(), server.name.data(), 0);
-    const mode_t mode = hal::setting("DM_HAL_ALLOW_UIDS") != nullptr ? kModeAll : kModeOwn;
-    server.listener = hal::bind_socket(SOCK_SEQPACKET, server.directory, server.name.data(), mode);
-    if (!server.listener || listen(server.listener.get(), kBacklog) != 0)
-        return HAL_ERR_SYSTEM;
-    return 0;
+    const hal::DirectoryLock lock(server.directory);
+    if (!lock.held())
+        return __system_error(server);
+    if (const int32_t code = server.take_id(); code != 0)
+        return code;
+    return __make_listener(server) ? 0 : __system_error(server);
 }
 
 // Says whether accept4(2) failed for a reason that the next wait clears up.
@@ -67,23 +124,25 @@ bool __is_passing(int error) {
            error == EINVAL; // destroyed since the wait
 }
 
-// Accepts one client. @return HAL_ERR_WOULD_BLOCK when there is none that is allowed.
+// Accepts one client. @return HAL_ERR_WOULD_BLOCK when there is none that may have a session.
 int32_t __accept(const Server& server, HDC_SESSION* session) {
     const hal::CancelGuard guard;
     auto accepted = std::make_shared<hal::Session>(nullptr);
-    accepted->socket = hal::Descriptor(
-        accept4(server.listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    accepted->socket = hal::make_descriptor([&] {
+        return accept4(server.listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    });
     if (!accepted->socket)
-        return __is_passing(errno) ? HAL_ERR_WOULD_BLOCK : HAL_ERR_SYSTEM;
-    const std::optional<uid_t> peer = hal::allowed_peer(accepted->socket);
+        return __is_passing(errno) ? HAL_ERR_WOULD_BLOCK : __system_error(server);
+    const std::optional<uid_t> peer = hal::peer_of(accepted->socket);
     if (!peer)
         return HAL_ERR_WOULD_BLOCK;
+    if (!hal::is_allowed(*peer)) {
+        hal::complain(__path(server) + " and user " + std::to_string(*peer), HAL_ERR_REFUSED);
+        return HAL_ERR_WOULD_BLOCK;
+    }
     accepted->peer_uid = *peer;
-    *session = hal::Sessions::table().add(std::move(accepted));
-    static std::atomic<uint32_t> accepted_count = 0;
-    if (++accepted_count % kAcceptedBetweenReleases == 0)
-        hal::release_gone_sessions();
-    return 0;
+    const int32_t code = hal::SessionTable::only().admit(std::move(accepted), session);
+    return code == HAL_ERR_TOO_MANY ? HAL_ERR_WOULD_BLOCK : code;
 }
 
 } // namespace
@@ -93,7 +152,7 @@ int32_t drvHdcServerCreate(int32_t device_id, int32_t service_type, HDC_SERVER* 
         return HAL_ERR_INVALID_ARGUMENT;
     const hal::CancelGuard guard;
     auto created = std::make_shared<Server>();
-    created->name = hal::socket_name(device_id);
+    created->device_id = device_id;
     if (const int32_t code = __listen(*created); code != 0)
         return code;
     *server = Servers::table().add(std::move(created));
@@ -107,11 +166,13 @@ int32_t drvHdcServerDestroy(HDC_SERVER server) {
     const auto ended = Servers::table().take(server);
     if (!ended)
         return HAL_ERR_BAD_HANDLE;
+    if (!ended->is_of_this_process())
+        return 0;
     // An accept that is under way keeps the descriptors open: it is woken, and the device id is
     // given back by hand, the lock last.
     shutdown(ended->listener.get(), SHUT_RDWR);
-    unlinkat(ended->directory.get(), ended->name.data(), 0);
-    flock(ended->lock.get(), LOCK_UN);
+    unlinkat(ended->directory.descriptor.get(), hal::socket_name(ended->device_id).data(), 0);
+    ended->release_id();
     return 0;
 }
 
@@ -124,7 +185,10 @@ int32_t drvHdcSessionAccept(HDC_SERVER server, HDC_SESSION* session) try {
     for (;;) {
         if ((hal::wait_ready(listening->listener, POLLIN, std::nullopt) & POLLHUP) != 0)
             return HAL_ERR_SERVER_ENDED;
-        if (const int32_t code = __accept(*listening, session); code != HAL_ERR_WOULD_BLOCK)
+        const int32_t code = __accept(*listening, session);
+        if (code == HAL_ERR_SYSTEM)
+            nanosleep(&kPause, nullptr);
+        if (code != HAL_ERR_WOULD_BLOCK)
             return code;
     }
 } catch (const std::bad_alloc&) {

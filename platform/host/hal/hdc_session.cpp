@@ -24,19 +24,10 @@ int32_t __run_env() {
     return value;
 }
 
-// Says whether an accepted session has a descriptor that nobody needs any more.
-bool __is_gone(const hal::Session& session) {
-    char byte = 0;
-    return session.client == nullptr && session.socket &&
-           recv(session.socket.get(), &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT) == 0;
-}
-
 int32_t __try_send(const hal::Session& session, HAL_HDC_MSG& msg) {
     msghdr header = {};
     header.msg_iov = msg.buffers.data();
     header.msg_iovlen = msg.buffers.size();
-    if (!session.socket)
-        return HAL_ERR_PEER_GONE;
     if (sendmsg(session.socket.get(), &header, MSG_NOSIGNAL) >= 0)
         return 0;
     if (errno == EAGAIN || errno == EINTR)
@@ -45,8 +36,6 @@ int32_t __try_send(const hal::Session& session, HAL_HDC_MSG& msg) {
 }
 
 int32_t __try_receive(const hal::Session& session, HAL_HDC_MSG& msg) {
-    if (!session.socket)
-        return HAL_ERR_PEER_GONE;
     const ssize_t size =
         recv(session.socket.get(), msg.received.get(), hal::kMaxMessage, MSG_TRUNC);
     // A peer that closed with messages unread resets the session, once; what it had sent before is
@@ -77,35 +66,26 @@ int32_t __in_time(const hal::Session& session, short events, uint32_t timeout_ms
 
 } // namespace
 
-void hal::release_gone_sessions() {
-    Sessions::table().replace_each([](const Session& session) -> std::shared_ptr<Session> {
-        if (!__is_gone(session))
-            return nullptr;
-        auto gone = std::make_shared<Session>(nullptr);
-        gone->peer_uid = session.peer_uid;
-        return gone;
-    });
-}
-
 int32_t drvHdcSessionClose(HDC_SESSION session) {
-    const auto closed = hal::Sessions::table().take(session);
-    if (!closed)
-        return HAL_ERR_BAD_HANDLE;
-    shutdown(closed->socket.get(), SHUT_RDWR); // wakes who waits on it; the last one closes it
-    return 0;
+    std::shared_ptr<hal::Session> closed;
+    const int32_t code = hal::SessionTable::only().take(session, closed);
+    if (closed)
+        shutdown(closed->socket.get(), SHUT_RDWR); // wakes who waits on it; the last one closes it
+    return code;
 }
 
 int32_t drvHdcSetSessionReference(HDC_SESSION session) {
     // A connection belongs to its process from the start.
-    return hal::Sessions::table().find(session) ? 0 : HAL_ERR_BAD_HANDLE;
+    std::shared_ptr<hal::Session> found;
+    return hal::SessionTable::only().find(session, found);
 }
 
 int32_t halHdcSend(HDC_SESSION session, HAL_HDC_MSG* msg, uint64_t flag, uint32_t timeout_ms) {
     if (msg == nullptr || msg->buffers.empty() || flag != HAL_HDC_WAIT_TIMEOUT)
         return HAL_ERR_INVALID_ARGUMENT;
-    const auto sending = hal::Sessions::table().find(session);
-    if (!sending)
-        return HAL_ERR_BAD_HANDLE;
+    std::shared_ptr<hal::Session> sending;
+    if (const int32_t code = hal::SessionTable::only().find(session, sending); code != 0)
+        return code;
     return __in_time(*sending, POLLOUT, timeout_ms, [&] { return __try_send(*sending, *msg); });
 }
 
@@ -113,9 +93,9 @@ int32_t halHdcRecv(HDC_SESSION session, HAL_HDC_MSG* msg, int32_t /*buffer_lengt
                    int32_t* count, uint32_t timeout_ms) try {
     if (msg == nullptr || count == nullptr || flag != HAL_HDC_WAIT_TIMEOUT)
         return HAL_ERR_INVALID_ARGUMENT;
-    const auto receiving = hal::Sessions::table().find(session);
-    if (!receiving)
-        return HAL_ERR_BAD_HANDLE;
+    std::shared_ptr<hal::Session> receiving;
+    if (const int32_t code = hal::SessionTable::only().find(session, receiving); code != 0)
+        return code;
     msg->buffers.clear();
     msg->received = std::make_unique_for_overwrite<char[]>(hal::kMaxMessage);
     const int32_t code =
@@ -127,11 +107,11 @@ int32_t halHdcRecv(HDC_SESSION session, HAL_HDC_MSG* msg, int32_t /*buffer_lengt
 }
 
 int32_t halHdcGetSessionAttr(HDC_SESSION session, int32_t attribute, int32_t* value) {
-    const auto asked = hal::Sessions::table().find(session);
-    if (!asked)
+    const std::optional<uid_t> uid = hal::SessionTable::only().peer_uid(session);
+    if (!uid)
         return HAL_ERR_BAD_HANDLE;
     if (value == nullptr || (attribute != HAL_HDC_ATTR_UID && attribute != HAL_HDC_ATTR_RUN_ENV))
         return HAL_ERR_INVALID_ARGUMENT;
-    *value = attribute == HAL_HDC_ATTR_UID ? static_cast<int32_t>(asked->peer_uid) : __run_env();
+    *value = attribute == HAL_HDC_ATTR_UID ? static_cast<int32_t>(*uid) : __run_env();
     return 0;
 }

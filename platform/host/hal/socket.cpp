@@ -1,7 +1,5 @@
 #include "hal/socket.h"
 
-#include "hal/directory.h"
-
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -28,39 +26,43 @@ timespec __time_until(hal::Clock::time_point deadline) {
 
 namespace hal {
 
-sockaddr_un address_in(const Descriptor& directory, const char* name) {
+sockaddr_un address_in(const Directory& directory, const char* name) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     // Through the descriptor: the directory's own path may be longer than an address can be, and
     // may lead elsewhere than to the directory that was checked.
     std::snprintf(address.sun_path, sizeof(address.sun_path), "/proc/self/fd/%d/%s",
-                  directory.get(), name);
+                  directory.descriptor.get(), name);
     return address;
 }
 
 Descriptor open_socket(int type) {
-    return Descriptor(socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    return make_descriptor(
+        [type] { return socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); });
 }
 
-Descriptor bind_socket(int type, const Descriptor& directory, const char* name, mode_t mode) {
+Descriptor bind_socket(int type, const Directory& directory, const char* name, mode_t mode) {
     Descriptor opened = open_socket(type);
     const sockaddr_un address = address_in(directory, name);
-    if (!opened || bind(opened.get(), __generic(address), sizeof(address)) != 0 ||
-        fchmodat(directory.get(), name, mode, 0) != 0)
+    mode |= S_ISVTX;
+    // The kernel makes the file with the socket's own mode, less what the umask takes away: it is
+    // never open to more than it should be.
+    if (!opened || fchmod(opened.get(), mode) != 0 ||
+        bind(opened.get(), __generic(address), sizeof(address)) != 0 ||
+        fchmodat(directory.descriptor.get(), name, mode, AT_SYMLINK_NOFOLLOW) != 0)
         return {};
     return opened;
 }
 
-int connect_socket(const Descriptor& socket, const Descriptor& directory, const char* name) {
+int connect_socket(const Descriptor& socket, const Directory& directory, const char* name) {
     const sockaddr_un address = address_in(directory, name);
     return connect(socket.get(), __generic(address), sizeof(address));
 }
 
-std::optional<uid_t> allowed_peer(const Descriptor& socket) {
+std::optional<uid_t> peer_of(const Descriptor& socket) {
     ucred peer = {};
     socklen_t size = sizeof(peer);
-    if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 ||
-        !is_allowed(peer.uid))
+    if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
         return std::nullopt;
     return peer.uid;
 }

@@ -2,7 +2,8 @@
 #ifndef HAL_SOCKET_H
 #define HAL_SOCKET_H
 
-#include "hal/descriptor.h"
+#include "hal/directory.h"
+#include "hal/sessions.h"
 
 #include <sys/types.h>
 #include <sys/un.h>
@@ -12,22 +13,22 @@
 
 namespace hal {
 
-using Clock = std::chrono::steady_clock;
-
 // @return the address of a socket, by its file's name in the directory.
-sockaddr_un address_in(const Descriptor& directory, const char* name);
+sockaddr_un address_in(const Directory& directory, const char* name);
 
 // Opens a socket that does not block and that a started program does not inherit.
 Descriptor open_socket(int type);
 
-// Opens a socket under a name of its own. @param mode of its file; who may write may send.
-Descriptor bind_socket(int type, const Descriptor& directory, const char* name, mode_t mode);
+// Opens a socket under a name of its own, in a directory of the caller's own. Its file gets the
+// sticky bit, too, which tells systemd-tmpfiles(8) that it is not to be cleaned away.
+// @param mode of its file; who may write may send.
+Descriptor bind_socket(int type, const Directory& directory, const char* name, mode_t mode);
 
 // @return 0 or -1 with errno set, like connect(2).
-int connect_socket(const Descriptor& socket, const Descriptor& directory, const char* name);
+int connect_socket(const Descriptor& socket, const Directory& directory, const char* name);
 
-// @return the user of a connected peer, or nothing when that one is not allowed.
-std::optional<uid_t> allowed_peer(const Descriptor& socket);
+// @return the user of a connected peer.
+std::optional<uid_t> peer_of(const Descriptor& socket);
 
 // Waits for events of poll(2), up to a point in time if there is one. A cancellation point.
 // @return the events; 0 when the time is over.

@@ -1,0 +1,164 @@
+#include "hal/sessions.h"
+
+#include "hal/complaint.h"
+#include "hal/handles.h"
+#include "platform_hal_codes.h"
+
+#include <linux/sockios.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <string>
+
+namespace {
+
+// The accepted sessions that may be open at once: with one user, and with all. The rest of the
+// process's descriptors stays free for what else it does.
+constexpr size_t kMostOfUser = 256;
+constexpr size_t kShareOfUser = 4;
+constexpr size_t kShareOfAll = 2;
+
+// Longer than a client of the library waits: 3 s to send, five times 3 s for the answer.
+constexpr auto kLongestWait = std::chrono::seconds(20);
+
+struct Bounds {
+    size_t of_user;
+    size_t of_all;
+};
+
+Bounds __bounds() {
+    rlimit descriptors = {};
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+    const size_t all = descriptors.rlim_cur;
+    return {std::min(kMostOfUser, all / kShareOfUser), all / kShareOfAll};
+}
+
+// A peer that only has no more to send still waits for its answer. What a gone one has sent is
+// read by whoever is about to.
+bool __is_gone(const hal::Session& session) {
+    pollfd state = {session.socket.get(), 0, 0};
+    int unread = 0;
+    return poll(&state, 1, 0) == 1 && (state.revents & POLLHUP) != 0 &&
+           ioctl(session.socket.get(), SIOCINQ, &unread) == 0 && unread == 0;
+}
+
+} // namespace
+
+namespace hal {
+
+SessionTable& SessionTable::only() {
+    static auto& table = *new SessionTable;
+    return table;
+}
+
+uint64_t SessionTable::add(std::shared_ptr<Session> session) {
+    const std::scoped_lock lock(mutex_);
+    const uint64_t handle = ++last_handle;
+    open_.emplace(handle, std::move(session));
+    return handle;
+}
+
+int32_t SessionTable::admit(std::shared_ptr<Session> session, uint64_t* handle) {
+    const uid_t uid = session->peer_uid;
+    {
+        const std::scoped_lock lock(mutex_);
+        make_room(uid);
+        if (!is_full(uid)) {
+            const uint64_t admitted = ++last_handle;
+            open_.emplace(admitted, std::move(session));
+            *handle = admitted;
+            return 0;
+        }
+    }
+    return complain("sessions with user " + std::to_string(uid), HAL_ERR_TOO_MANY);
+}
+
+int32_t SessionTable::find(uint64_t handle, std::shared_ptr<Session>& session) {
+    const std::scoped_lock lock(mutex_);
+    const auto found = open_.find(handle);
+    if (found == open_.end())
+        return find_closed(handle) != nullptr ? HAL_ERR_PEER_GONE : HAL_ERR_BAD_HANDLE;
+    session = found->second;
+    return 0;
+}
+
+std::optional<uid_t> SessionTable::peer_uid(uint64_t handle) {
+    const std::scoped_lock lock(mutex_);
+    if (const auto found = open_.find(handle); found != open_.end())
+        return found->second->peer_uid;
+    if (const Closed* closed = find_closed(handle))
+        return closed->peer_uid;
+    return std::nullopt;
+}
+
+int32_t SessionTable::take(uint64_t handle, std::shared_ptr<Session>& session) {
+    const std::scoped_lock lock(mutex_);
+    if (const auto node = open_.extract(handle)) {
+        session = node.mapped();
+        return 0;
+    }
+    Closed* closed = find_closed(handle);
+    if (closed == nullptr)
+        return HAL_ERR_BAD_HANDLE;
+    *closed = {};
+    return 0;
+}
+
+size_t SessionTable::release_gone() {
+    const std::scoped_lock lock(mutex_);
+    return close_gone();
+}
+
+// Closes accepted sessions. @return how many.
+template<class Condition>
+size_t SessionTable::close_where(Condition condition) {
+    const CancelGuard guard;
+    return std::erase_if(open_, [&](const auto& entry) {
+        const auto& [handle, session] = entry;
+        if (session->client != nullptr || !condition(*session))
+            return false;
+        shutdown(session->socket.get(), SHUT_RDWR); // wakes who waits on it
+        closed_.at(closed_count_++ % closed_.size()) = {handle, session->peer_uid};
+        return true;
+    });
+}
+
+size_t SessionTable::close_gone() {
+    return close_where(__is_gone);
+}
+
+// Makes room for one more session, as far as that is possible.
+void SessionTable::make_room(uid_t uid) {
+    if (open_.size() >= next_look_) {
+        close_gone();
+        next_look_ = std::max(kFewSessions, 2 * open_.size());
+    }
+    if (is_full(uid) && close_gone() == 0) {
+        const auto oldest = Clock::now() - kLongestWait;
+        close_where([&](const Session& session) { return session.opened < oldest; });
+    }
+}
+
+// Says whether a user, or all together, have as many accepted sessions open as they may.
+bool SessionTable::is_full(uid_t uid) const {
+    size_t all = 0;
+    size_t of_user = 0;
+    for (const auto& [handle, session] : open_) {
+        all += session->client == nullptr ? 1 : 0;
+        of_user += session->client == nullptr && session->peer_uid == uid ? 1 : 0;
+    }
+    const Bounds most = __bounds();
+    return of_user >= most.of_user || all >= most.of_all;
+}
+
+SessionTable::Closed* SessionTable::find_closed(uint64_t handle) {
+    const auto found = std::find_if(closed_.begin(), closed_.end(), [handle](const Closed& closed) {
+        return handle != 0 && closed.handle == handle;
+    });
+    return found != closed_.end() ? &*found : nullptr;
+}
+
+} // namespace hal
