@@ -141,10 +141,10 @@ void clear_log() {
 
 int logged(char level, std::string_view text, std::string_view operation) {
     const auto all = log_lines();
-    const std::string named = std::string("] [").append(operation);
+    const std::string named = std::string("] [").append(operation) + " ";
     return static_cast<int>(std::ranges::count_if(all, [&](const LogLine& line) {
         return line.level == level && std::string_view(line.text).ends_with(text) &&
-               line.text.find(operation.empty() ? named : named + " ") != std::string::npos;
+               (operation.empty() || line.text.find(named) != std::string::npos);
     }));
 }
 
