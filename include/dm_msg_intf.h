@@ -365,8 +365,9 @@ DM_API int dm_cmd_deregister(DM_CB_ST* dm_cb);
  * Sends a request and returns. It has one outcome: 0, and the response callback is called once, on
  * the poll thread; or an error, and it is never called. The callback may be called before the call
  * has returned. It is not called when the interface is removed or the context destroyed before, nor
- * when the calling thread is cancelled in the call. An empty response to a time-out is lost in the
- * self-loop (see DM_DATA_HANDLER).
+ * when the calling thread is cancelled in the call; one that runs already is awaited then, so it must
+ * not wait for the end of that thread. An empty response to a time-out is lost in the self-loop (see
+ * DM_DATA_HANDLER).
  *
  * Unless the interface's retry_cnt is negative, the request times out. With a retry_cnt of N above
  * 0 it is sent N + 1 times, timeout_ms apart, and the time-out is reported with the last re-send,
@@ -374,8 +375,8 @@ DM_API int dm_cmd_deregister(DM_CB_ST* dm_cb);
  * reaches the callback as a response that the interface's timeout_hndl made. One that falls due while
  * the interface is still sending is reported when it has sent.
  *
- * The answer is recognised by the request's identity, which no other request gets before 256 more
- * have ended. An answer that comes later than that, late or doubled on its way, may be taken for
+ * The answer is recognised by the request's identity, which no other request of the context gets
+ * before 256 more have ended. An answer that comes later than that, late or doubled on its way, may be taken for
  * another request's.
  *
  * Any thread. Nothing of the caller's is kept: address, data and user data are copied.

@@ -14,7 +14,8 @@
  *
  * The poll thread is not in a forked child (fork(2)). There poller_destory() on the parent's running
  * poller does nothing, poller_exit() is refused with 1, and no other call may be made; what the
- * child inherits of it goes with execve(2) or with the child. Neither has an effect on the parent.
+ * child inherits of it goes with execve(2) or with the child. Neither has an effect on the parent. A
+ * child that is forked in a callback is in the loop: it must end there, with _exit(2) or execve(2).
  *
  * Results are positive errno numbers (errno(3)): 0, EINVAL (22), ENOMEM (12), the number of a
  * failed pipe(2) or fcntl(2), the code of a failed bounds-checked function; or 1 for a call that
@@ -157,10 +158,10 @@ DM_API int poller_run(POLLER_ST* poller);
 DM_API int poller_exit(POLLER_ST* poller);
 
 /**
- * Releases the poller: at once when it is idle, else by its own thread as that leaves, with no
- * callback cut short. A poller whose thread is about to start is released by that thread before it
- * runs anything. Does nothing while an earlier request is being carried out, nor in a forked child.
- * Any thread; the handle must not be used afterwards.
+ * Releases the poller: at once when it is idle or its thread has not begun yet, else by its own
+ * thread as that leaves, with no callback cut short. Any thread; the handle must not be used
+ * afterwards. While the thread is stopping after poller_exit() it does nothing: the poller is idle
+ * then, and to be released by another call. Nor does it do anything in a forked child.
  * @param poller from poller_create().
  * @return 0, or EINVAL for a null poller.
  */

@@ -4,6 +4,7 @@
 
 #include "support/framework.h"
 #include "support/platform_hooks.h"
+#include "support/threads.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -65,6 +66,17 @@ TEST(Lifetime, ContextDestroyedByItsOwnHandler) {
         EXPECT_EQ(returned.count(), 0) << "no callback runs afterwards";
         return -1;
     };
+    Transport last;
+    last.recv = [&](DM_INTF_ST* intf, DM_MSG_ST*) {
+        dm_destroy(intf->dm_cb);
+        return 0;
+    };
+    MsgFunction never = [](DM_INTF_ST*, DM_MSG_ST*) { FAIL() << "its receive has destroyed it"; };
+    Context other;
+    other.on_request(never);
+    last.add(other, "last");
+    static_cast<void>(other.release());
+    last.wake();
     timed.retry_cnt = 0;
     timed.timeout = [&] { EXPECT_EQ(returned.count(), 0); };
     context.on_request(handler);
@@ -72,7 +84,8 @@ TEST(Lifetime, ContextDestroyedByItsOwnHandler) {
     ASSERT_EQ(support::send(timed.add(context, "timed"), "x"), 0);
     ASSERT_EQ(support::send(context.selfloop(), "x"), 0);
     ASSERT_TRUE(returned.wait());
-    EXPECT_TRUE(support::eventually([&] { return ready.closed == 1 && timed.closed == 1; }));
+    EXPECT_TRUE(support::eventually(
+        [&] { return ready.closed == 1 && timed.closed == 1 && last.closed == 1; }));
     EXPECT_EQ(handled, 1);
 }
 
@@ -220,11 +233,50 @@ TEST(Lifetime, RequestAnsweredWhileItsSendFails) {
     EXPECT_TRUE(support::eventually([&] { return list_size(context.get()->pending_list) == 0; }));
 }
 
+// The answer and the failure of the send at the same moment: one of them is the outcome.
+TEST(Lifetime, AnswerRacesAFailingSend) {
+    Transport transport;
+    std::atomic<uint64_t> identity = 0;
+    std::atomic<bool> done = false;
+    const auto spin = [](int turns) {
+        std::atomic<int> turned = 0;
+        while (turned < turns)
+            ++turned;
+    };
+    transport.recv = [&](DM_INTF_ST*, DM_MSG_ST* msg) {
+        msg->type = DM_MSG_RSP;
+        while (!done && msg->req_id == 0)
+            msg->req_id = identity.exchange(0);
+        return 0;
+    };
+    int turns = 0;
+    transport.send = [&](DM_INTF_ST*, uint32_t, uint64_t req_id) {
+        identity = req_id;
+        spin(turns);
+        return 5;
+    };
+    std::atomic<int> answered = 0;
+    MsgFunction on_response = [&](DM_INTF_ST*, DM_MSG_ST*) { ++answered; };
+    const Context context;
+    DM_INTF_ST* intf = transport.add(context, "fake");
+    transport.wake();
+    int succeeded = 0;
+    for (int i = 0; i < support::rounds(20000); ++i) {
+        turns = i % 500;
+        succeeded += support::send(intf, "x", &on_response) == 0 ? 1 : 0;
+    }
+    done = true;
+    dm_intf_deregister(intf);
+    EXPECT_EQ(answered, succeeded);
+}
+
 // A time-out that falls due during the send waits for how that ends: it is reported with success,
 // though nothing else wakes the poll thread, and never with a failure or when the thread ends.
 TEST(Lifetime, RequestTimesOutDuringItsSend) {
-    enum class Outcome { success, failure, thread_ends };
-    for (const Outcome outcome : {Outcome::success, Outcome::failure, Outcome::thread_ends}) {
+    enum class Outcome { success, late_cancel, failure, thread_ends };
+    for (const Outcome outcome :
+         {Outcome::success, Outcome::late_cancel, Outcome::failure, Outcome::thread_ends}) {
+        const bool succeeds = outcome == Outcome::success || outcome == Outcome::late_cancel;
         Transport transport;
         transport.retry_cnt = 1;
         transport.timeout_ms = 1;
@@ -243,22 +295,29 @@ TEST(Lifetime, RequestTimesOutDuringItsSend) {
             poller_timer_add(context.get()->poller, 100000, nullptr, nullptr, 1, nullptr);
             if (outcome == Outcome::thread_ends)
                 pthread_exit(nullptr);
-            sent = outcome == Outcome::success;
-            return outcome == Outcome::success ? 0 : 1;
+            sent = succeeds;
+            return succeeds ? 0 : 1;
         };
         Event reported;
         MsgFunction on_response = [&](DM_INTF_ST*, DM_MSG_ST*) { reported.set(); };
         DM_INTF_ST* intf = transport.add(context, "fake");
         std::atomic<int> result = -1;
+        // What wakes the poll thread is a cancellation point.
+        if (outcome == Outcome::late_cancel)
+            support::on_write_file = [](int fd, const void* buffer, uint32_t size) {
+                if (size == 1) {
+                    pthread_cancel(pthread_self());
+                    pthread_testcancel();
+                }
+                return write(fd, buffer, size);
+            };
         std::thread([&] { result = support::send(intf, "x", &on_response); }).join();
-        EXPECT_EQ(result, outcome == Outcome::success   ? 0
-                          : outcome == Outcome::failure ? DM_ERR_SEND
-                                                        : -1);
-        if (outcome == Outcome::success)
-            EXPECT_TRUE(reported.wait());
-        else
-            EXPECT_EQ(dm_intf_deregister(intf), 0);
-        EXPECT_EQ(reported.count(), outcome == Outcome::success ? 1 : 0);
+        support::on_write_file = nullptr;
+        EXPECT_EQ(result, succeeds ? 0 : outcome == Outcome::failure ? DM_ERR_SEND : -1);
+        EXPECT_TRUE(!succeeds || reported.wait());
+        EXPECT_EQ(dm_intf_deregister(intf), 0);
+        EXPECT_EQ(list_size(context.get()->poller->timer_list), 1U) << "not by the far timer";
+        EXPECT_EQ(reported.count(), succeeds ? 1 : 0);
         EXPECT_TRUE(
             support::eventually([&] { return list_size(context.get()->pending_list) == 0; }));
     }
@@ -347,10 +406,17 @@ TEST(Lifetime, PortIsFreeOnceItsInterfaceIsRemoved) {
     ASSERT_EQ(getsockname(intf->fd, reinterpret_cast<sockaddr*>(&sa), &len), 0);
     std::memcpy(addr.sa, &sa, sizeof(sa));
     poller_timer_add(context.get()->poller, 100000, nullptr, nullptr, 1, nullptr);
+    // Whoever looks at the poller's list keeps the entry, and so a slot of the array for it.
+    LIST_ITER_ST looker;
+    list_iter_init(context.get()->poller->fd_list, &looker);
+    while (static_cast<POLLER_FD_ENTRY_ST*>(list_to_item(list_iter_next(&looker)))->fd !=
+           intf->fd) {
+    }
     ASSERT_EQ(support::send(context.selfloop(), "x"), 0);
     ASSERT_TRUE(handled.wait()) << "the long wait begins behind that";
     EXPECT_EQ(dm_intf_deregister(intf), 0);
     EXPECT_EQ(dm_udp_init(nullptr, context.get(), nullptr, &addr, nullptr, 0), 0);
+    list_iter_destroy(&looker);
 }
 
 // Cancelling a thread ends it behind the call, not in it.
@@ -442,11 +508,34 @@ TEST(Lifetime, ContextWhoseThreadNeverBegan) {
         transport.add(context, "fake");
     }
     EXPECT_EQ(transport.closed, 1);
-    Event pipe_closed;
-    support::on_close_file = [&](int) { pipe_closed.set(); };
     begin();
-    EXPECT_TRUE(pipe_closed.wait(2));
-    support::on_close_file = nullptr;
+    EXPECT_TRUE(support::only_these_threads(0));
+}
+
+// Its thread is leaving after poller_exit(), and would leave an idle poller.
+TEST(Lifetime, ContextDestroyedWhileItsPollerStops) {
+    Transport first;
+    Transport second;
+    Event entered;
+    Event go;
+    first.recv = second.recv = [&](DM_INTF_ST*, DM_MSG_ST*) {
+        entered.set();
+        EXPECT_TRUE(go.wait(entered.count()));
+        return -1;
+    };
+    Context context;
+    first.add(context, "first");
+    first.wake();
+    ASSERT_TRUE(entered.wait());
+    second.add(context, "second");
+    second.wake();
+    EXPECT_EQ(poller_exit(context.get()->poller), 0);
+    go.set();
+    ASSERT_TRUE(entered.wait(2));
+    dm_destroy(context.release());
+    for (int i = 0; i < 3; ++i)
+        go.set();
+    EXPECT_TRUE(support::eventually([&] { return first.closed == 1 && second.closed == 1; }));
 }
 
 } // namespace

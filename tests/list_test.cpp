@@ -51,6 +51,16 @@ protected:
 
 using Ints = std::vector<int>;
 
+TEST_F(List, VisitorThatEndsItsThreadLeavesTheNode) {
+    fill(2);
+    std::thread([&] {
+        list_iterate(
+            list_, [](void*, void*, uint32_t) { pthread_exit(nullptr); }, nullptr, 0);
+    }).join();
+    EXPECT_EQ(list_remove_by_tag(list_, &values[0], nullptr), 0);
+    EXPECT_EQ(freed, Ints{0});
+}
+
 TEST_F(List, IsUsableWhileItIsDestroyed) {
     static LIST_ST* list;
     static std::vector<Ints> left;

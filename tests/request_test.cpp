@@ -5,7 +5,10 @@
 #include "support/platform_hooks.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <set>
 #include <thread>
@@ -21,6 +24,7 @@ using support::Transport;
 class Request : public testing::Test {
 protected:
     void SetUp() override {
+        support::skip_log_interval();
         support::clear_log();
         transport_.send = [this](DM_INTF_ST*, uint32_t, uint64_t req_id) {
             req_id_ = req_id;
@@ -91,23 +95,84 @@ TEST_F(Request, LateAnswerIsForNoLaterRequest) {
     EXPECT_EQ(identities.size(), 256U);
 }
 
-// More time-outs at a time than the self-loop takes: each is reported, in their order.
+// The pipe refuses frames for another reason than that it is full, and nothing is read from it.
+TEST_F(Request, TimeOutOutlivesAShortage) {
+    DM_INTF_ST* intf = add(0, 1);
+    std::atomic<int> refused = 0;
+    support::on_write_file = [&](int fd, const void* buffer, uint32_t size) -> int64_t {
+        if (size == 1 || ++refused > 3)
+            return write(fd, buffer, size);
+        errno = ENOMEM;
+        return -1;
+    };
+    EXPECT_EQ(support::send(intf, "anybody?", &on_response_), 0);
+    EXPECT_TRUE(response_.wait());
+    support::on_write_file = nullptr;
+}
+
+// Real answers overtake time-outs that are in the self-loop's pipe already: those are for nobody,
+// however many requests have ended since.
+TEST_F(Request, TimeOutInThePipeIsForNoLaterRequest) {
+    constexpr size_t count = 700;
+    std::vector<uint64_t> asked;
+    Event over;
+    transport_.timeout = [this, left = count]() mutable {
+        if (--left == 0)
+            transport_.wake();
+    };
+    transport_.recv = [&](DM_INTF_ST*, DM_MSG_ST* msg) {
+        msg->type = DM_MSG_RSP;
+        msg->req_id = asked.empty() ? 0 : asked.back();
+        if (asked.empty())
+            over.set();
+        else
+            asked.pop_back();
+        return 0;
+    };
+    Transport silent;
+    DM_INTF_ST* later = silent.add(context_, "silent");
+    MsgFunction never = [](DM_INTF_ST*, DM_MSG_ST*) { FAIL() << "nobody has answered that"; };
+    on_response_ = [&](DM_INTF_ST*, DM_MSG_ST*) { response_.set(); };
+    DM_INTF_ST* intf = add(0, 300);
+    transport_.send = [&](DM_INTF_ST*, uint32_t, uint64_t req_id) {
+        asked.push_back(req_id);
+        return 0;
+    };
+    for (size_t i = 0; i < count; ++i)
+        EXPECT_EQ(support::send(intf, "x", &on_response_), 0);
+    for (size_t i = 1; i <= count; ++i) {
+        ASSERT_TRUE(response_.wait(static_cast<int>(i)));
+        EXPECT_EQ(support::send(later, "later", &never), 0);
+    }
+    EXPECT_TRUE(over.wait(static_cast<int>(count)));
+}
+
+// More time-outs at a time than the self-loop takes: each is reported, once and in their order,
+// also when their timers are due again before that.
 TEST_F(Request, ManyTimeOutTogether) {
-    constexpr int count = 500;
-    DM_INTF_ST* intf = add(0, 30);
+    constexpr int count = 1500;
+    std::atomic<int> timeouts = 0;
+    transport_.timeout = [&] { ++timeouts; };
+    DM_INTF_ST* intf = add(1, 30);
     std::vector<uint64_t> sent;
     std::vector<uint64_t> answered;
+    transport_.send = [&](DM_INTF_ST*, uint32_t, uint64_t req_id) {
+        req_id_ = req_id;
+        return 0;
+    };
     on_response_ = [&](DM_INTF_ST*, DM_MSG_ST* msg) {
+        if (answered.empty())
+            std::this_thread::sleep_for(std::chrono::milliseconds(60)); // two periods
         answered.push_back(msg->req_id);
         response_.set();
     };
-    const std::string text(1000, 'x');
     for (int i = 0; i < count; ++i) {
-        EXPECT_EQ(support::send(intf, text, &on_response_), 0);
+        EXPECT_EQ(support::send(intf, "x", &on_response_), 0);
         sent.push_back(req_id_);
     }
     ASSERT_TRUE(response_.wait(count));
     EXPECT_EQ(answered, sent);
+    EXPECT_EQ(timeouts, count);
     EXPECT_GT(support::logged('E', "__selfloop_send: write fail.errno=11\n"), 0);
 }
 

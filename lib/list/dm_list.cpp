@@ -2,6 +2,7 @@
 
 #include "base/atomic_field.h"
 #include "base/memory.h"
+#include "list/dm_list_walk.h"
 #include "platform_adapter.h"
 
 #include <cerrno>
@@ -370,9 +371,7 @@ void list_iter_destroy(LIST_ITER_ST* iter) {
 void list_iterate(LIST_ST* list, LIST_VISITOR visitor, void* arg, uint32_t value) {
     if (list == nullptr || visitor == nullptr)
         return;
-    LIST_ITER_ST iter;
-    list_iter_init(list, &iter);
-    while (LIST_NODE_ST* node = list_iter_next(&iter))
+    dm::ListWalk walk(list);
+    while (LIST_NODE_ST* node = walk.next())
         visitor(list_to_item(node), arg, value);
-    list_iter_destroy(&iter);
 }

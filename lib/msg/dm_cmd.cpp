@@ -34,8 +34,8 @@ void __answer_by_default(DM_INTF_ST* intf, DM_MSG_ST* msg) {
         return;
     DM_DATA_ST response = msg->data;
     default_hndl(&msg->data, &response);
-    // The handler may have removed the interface.
-    if (context->receiving == intf)
+    // The handler may have removed the interface, or destroyed the context.
+    if (context->receiving == intf && !context->destroyed)
         dm_send_rsp(intf, msg->addr, msg->addr_len, &response, msg->req_id);
 }
 

@@ -39,7 +39,6 @@ using dm::Context;
 using dm::ListWalk;
 using dm::Retired;
 
-constexpr const char* kSelfloopName = "selfloop";
 constexpr uint32_t kDestroyWaitMs = 100;
 
 // ---- the interface list ----
@@ -100,7 +99,7 @@ void __receive(Context* context, DM_INTF_ST* intf, int fd, int events) {
     msg.addr_len = sizeof(addr);
     msg.data = {DM_MAX_DATA_LEN, data.get()};
     const Receiving receiving(context, intf);
-    if (intf->recv_msg(intf, fd, static_cast<int16_t>(events), &msg) == 0)
+    if (intf->recv_msg(intf, fd, static_cast<int16_t>(events), &msg) == 0 && !context->destroyed)
         __dm_msg_dispatch(context, intf, &msg);
 }
 
@@ -115,9 +114,13 @@ int __dm_recv(int fd, int events, void* user_data, uint32_t /*user_data_len*/) {
         return 0;
     const CallbackScope scope(context);
     __receive(context, intf, fd, events);
-    if (__dm_has_name(intf, kSelfloopName))
-        context->requests.hand_over();
     return 0;
+}
+
+bool __on_pass(void* arg) {
+    auto* context = static_cast<Context*>(arg);
+    const CallbackScope scope(context);
+    return context->requests.hand_over();
 }
 
 // ---- removing an interface ----
@@ -224,7 +227,7 @@ int __create_poller(Context* context) {
         return ret;
     }
     context->holders = 2;
-    __poller_hold(context->poller, __drop_context, context);
+    __poller_hold(context->poller, {__on_pass, __drop_context, context});
     const int ret = poller_run(context->poller);
     if (ret != 0)
         DM_LOG_ERROR_IN(msg_log, "dm_init", "call poller_run fail,ret:%d\r\n", ret);
@@ -330,6 +333,7 @@ int dm_init(DM_CB_ST** dm_cb) {
         DM_LOG_ERROR(msg_log, "dm_init input dm_cb null.");
         return -EINVAL;
     }
+    const dm::CancellationOff whole;
     *dm_cb = nullptr;
     auto block = dm::allocate<void>(sizeof(Context));
     if (!block) {
@@ -360,7 +364,7 @@ void dm_destroy(DM_CB_ST* dm_cb) {
         return;
     const dm::CancellationOff whole;
     if (dm_cb->poller != nullptr)
-        poller_destory(dm_cb->poller);
+        __poller_end(dm_cb->poller);
     mmSleep(kDestroyWaitMs);
     context->destroyed = true;
     context->requests.stop();

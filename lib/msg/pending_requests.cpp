@@ -1,6 +1,7 @@
 #include "msg/pending_requests.h"
 
 #include "base/atomic_field.h"
+#include "base/cancellation.h"
 #include "base/log.h"
 #include "base/memory.h"
 #include "list/dm_list_walk.h"
@@ -23,7 +24,6 @@ constexpr const char* kAdd = "__dm_pending_req_add";
 constexpr const char* kTimeout = "__dm_timeout_handle";
 
 constexpr const char* kSelfloopName = "selfloop";
-constexpr uint32_t kLookAgainMs = 50;
 
 uint64_t identity_of(const PENDING_REQ_ST* req) {
     return reinterpret_cast<uintptr_t>(req);
@@ -40,7 +40,7 @@ void release_timer_data(void* user_data) {
 
 // True for a send that may succeed later: the pipe is full, or there is no memory.
 bool is_shortage(int ret) {
-    return ret == EAGAIN || ret == -ENOMEM;
+    return ret == EAGAIN || ret == ENOMEM || ret == -ENOMEM;
 }
 
 // Zeroed, with the sender's reference.
@@ -95,9 +95,28 @@ void PendingRequests::Ended::keep(PENDING_REQ_ST* req) {
     next_ = (next_ + 1) % requests_.size();
 }
 
-PendingRequests::~PendingRequests() {
-    while (first_waiting_ != nullptr)
-        dequeue();
+PendingRequests::Queue::~Queue() {
+    while (first_ != nullptr)
+        pop();
+}
+
+bool PendingRequests::Queue::has(uint64_t req_id) const {
+    const PENDING_REQ_ST* req = first_;
+    while (req != nullptr && identity_of(req) != req_id)
+        req = req->next;
+    return req != nullptr;
+}
+
+void PendingRequests::Queue::push(PENDING_REQ_ST* req) {
+    PENDING_REQ_ST*& end = first_ == nullptr ? first_ : last_->next;
+    end = share(req).release();
+    last_ = req;
+}
+
+PendingRef PendingRequests::Queue::pop() {
+    PendingRef first(first_);
+    first_ = std::exchange(first->next, nullptr);
+    return first;
 }
 
 // ---- sending ----
@@ -117,21 +136,21 @@ public:
     }
 
     // Gives the sender's result. A request whose answer was faster than the end of a failing send
-    // has had its outcome.
+    // has had its outcome. Not left half done, for it is what the poll thread goes by.
     int finish(int send_result) {
+        const CancellationOff whole;
         finished_ = true;
-        bool failed = false;
+        bool has_failed = false;
+        bool is_listed = false;
         {
             const std::lock_guard lock(requests_.lock_);
             req_->sending = false;
-            failed = send_result != 0 && !req_->answered;
-            if (!failed && !report_timeout())
-                failed = true;
+            has_failed = (send_result != 0 && !req_->answered) || !report_timeout();
+            is_listed = has_failed && requests_.end_locked(req_);
         }
-        if (!failed)
-            return 0;
-        requests_.remove(req_);
-        return DM_ERR_SEND;
+        if (is_listed)
+            requests_.unlist(req_);
+        return has_failed ? DM_ERR_SEND : 0;
     }
 
 private:
@@ -148,16 +167,17 @@ private:
 
     // What the callback works on may be gone with the thread: one that runs is awaited.
     void abandon() {
+        bool is_listed = false;
         {
             std::unique_lock lock(requests_.lock_);
             req_->sending = false;
-            if (req_->answered) {
-                if (!__poller_is_current(requests_.dm_cb_->poller))
-                    requests_.service_ended_.wait(lock, [&] { return requests_.serving_ != req_; });
-                return;
-            }
+            if (!req_->answered)
+                is_listed = requests_.end_locked(req_);
+            else if (!__poller_is_current(requests_.dm_cb_->poller))
+                requests_.service_ended_.wait(lock, [&] { return requests_.serving_ != req_; });
         }
-        requests_.remove(req_);
+        if (is_listed)
+            requests_.unlist(req_);
     }
 
     PendingRequests& requests_;
@@ -243,8 +263,7 @@ int PendingRequests::arm_timer(PENDING_REQ_ST* req, uint32_t period_ms) {
 //
 // The handle of the timer is valid while the lock is held and the request has one: a timer that
 // fires clears it, under the lock, before its entry can go.
-bool PendingRequests::end(PENDING_REQ_ST* req) {
-    const std::lock_guard lock(lock_);
+bool PendingRequests::end_locked(PENDING_REQ_ST* req) {
     if (std::exchange(req->ended, true))
         return false;
     ended_.keep(req);
@@ -253,14 +272,19 @@ bool PendingRequests::end(PENDING_REQ_ST* req) {
     return true;
 }
 
-void PendingRequests::remove(PENDING_REQ_ST* req) {
-    if (end(req))
-        list_remove_by_tag(dm_cb_->pending_list, req, __dm_pending_cmp);
+bool PendingRequests::end(PENDING_REQ_ST* req) {
+    const std::lock_guard lock(lock_);
+    return end_locked(req);
 }
 
-bool PendingRequests::has_ended(const PENDING_REQ_ST* req) {
+void PendingRequests::unlist(PENDING_REQ_ST* req) {
+    list_remove_by_tag(dm_cb_->pending_list, req, __dm_pending_cmp);
+}
+
+// True when a callback has removed the request's interface or destroyed the context.
+bool PendingRequests::is_over(const PENDING_REQ_ST* req) {
     const std::lock_guard lock(lock_);
-    return req->ended;
+    return req->ended || stopped_;
 }
 
 void PendingRequests::end_those_of(const DM_INTF_ST* intf) {
@@ -308,8 +332,8 @@ public:
     ~Service() noexcept(false) {
         if (!begun_)
             return;
-        if (cause_ == Cause::response)
-            requests_.remove(req_);
+        if (cause_ == Cause::response && requests_.end(req_))
+            requests_.unlist(req_);
         const std::lock_guard lock(requests_.lock_);
         requests_.serving_ = nullptr;
         requests_.service_ended_.notify_all();
@@ -338,6 +362,7 @@ void PendingRequests::answer(DM_INTF_ST* intf, DM_MSG_ST* msg) {
     if (msg->req_id == 0)
         return;
     const PendingRef req = find(msg->req_id);
+    frame_came(msg->req_id);
     if (req == nullptr)
         return;
     const Service service(*this, req.get(), Service::Cause::response);
@@ -345,23 +370,31 @@ void PendingRequests::answer(DM_INTF_ST* intf, DM_MSG_ST* msg) {
         req->rsp_cb(intf, msg, req->user_data, static_cast<int32_t>(req->user_data_len));
 }
 
+// A frame may be lost on its way, but none overtakes another: those before it will not come.
+void PendingRequests::frame_came(uint64_t req_id) {
+    if (!in_pipe_.has(req_id))
+        return;
+    while (identity_of(in_pipe_.pop().get()) != req_id) {
+    }
+}
+
 int PendingRequests::on_timer(uint32_t period_ms, int32_t /*elapsed_ms*/, void* user_data,
                               uint32_t /*len*/) {
     PENDING_REQ_ST* req = *static_cast<PENDING_REQ_ST**>(user_data);
-    if (req == nullptr || req->intf == nullptr || req->requests == nullptr) {
-        DM_LOG_ERROR_IN(msg_log, kTimeout, "__dm_timeout_handle input user_data null!\n");
-        return 0;
-    }
     PendingRequests& requests = *req->requests;
     const CallbackScope scope(context_of(requests.dm_cb_));
     const Service service(requests, req, Service::Cause::timeout);
     if (!service.begun())
         return 0;
+    if (req->intf->dm_cb == nullptr) {
+        DM_LOG_ERROR_IN(msg_log, kTimeout, "__dm_timeout_handle input user_data null!\n");
+        return 0;
+    }
     if (req->retry_left > 0 && !requests.resend(req, period_ms)) {
         DM_LOG_INFO_IN(kTimeout, "finish call intf->send_msg");
         req->retry_left = 0;
     }
-    if (req->retry_left == 0 && !requests.has_ended(req))
+    if (req->retry_left == 0 && !requests.is_over(req))
         requests.report(req);
     return 0;
 }
@@ -378,25 +411,27 @@ bool PendingRequests::resend(PENDING_REQ_ST* req, uint32_t period_ms) {
     return req->ended || arm_timer(req, period_ms) == 0;
 }
 
-// Hands the time-out over as a response, unless its sender is still sending: then the send's result
-// decides whether there is a time-out to report.
+// Hands the time-out over as a response, once: the timer may fire again while that is under way.
+// While its sender is still sending, the send's result decides whether there is one to report.
 void PendingRequests::report(PENDING_REQ_ST* req) {
     {
         const std::lock_guard lock(lock_);
-        if (req->sending) {
-            req->timed_out = true;
+        req->timed_out = true;
+        if (req->sending || std::exchange(req->reported, true))
             return;
-        }
     }
     DM_DATA_ST response = req->data;
     if (req->intf->timeout_hndl != nullptr)
         req->intf->timeout_hndl(&req->data, &response);
     DM_LOG_INFO_IN(kTimeout, "finish call intf->timeout_hndl\n");
     // The handler may have removed the interface.
-    if (has_ended(req))
+    if (is_over(req))
         return;
-    if (first_waiting_ != nullptr || is_shortage(send_through_selfloop(req, &response)))
-        enqueue(req, response);
+    const int ret = waiting_.first() == nullptr ? send_through_selfloop(req, &response) : EAGAIN;
+    if (is_shortage(ret))
+        keep_waiting(req, response);
+    else if (ret == 0)
+        in_pipe_.push(req);
 }
 
 // Gives the result of the self-loop's send. Without a self-loop the request stays pending.
@@ -438,49 +473,25 @@ int PendingRequests::send_via(DM_INTF_ST* selfloop, const LIST_NODE_ST* node, PE
 
 // Keeps the response where the request's data was, which is not sent any more. One that is too long
 // finds no room ever.
-void PendingRequests::enqueue(PENDING_REQ_ST* req, const DM_DATA_ST& response) {
+void PendingRequests::keep_waiting(PENDING_REQ_ST* req, const DM_DATA_ST& response) {
     if (response.data_len > DM_MAX_DATA_LEN || response.data == nullptr)
         return;
     std::memmove(req->buf, response.data, response.data_len);
     req->data.data_len = response.data_len;
-    PENDING_REQ_ST*& end = first_waiting_ == nullptr ? first_waiting_ : last_waiting_->next;
-    end = share(req).release();
-    last_waiting_ = req;
-    look_again_soon();
+    waiting_.push(req);
 }
 
-PendingRef PendingRequests::dequeue() {
-    PendingRef first(first_waiting_);
-    first_waiting_ = std::exchange(first->next, nullptr);
-    return first;
-}
-
-void PendingRequests::hand_over() {
-    while (first_waiting_ != nullptr) {
-        const PendingRef req = share(first_waiting_);
-        const Service service(*this, req.get(), Service::Cause::waiting_timeout);
-        if (service.begun() && is_shortage(send_through_selfloop(req.get(), &req->data))) {
-            look_again_soon();
-            return;
-        }
-        dequeue();
+bool PendingRequests::hand_over() {
+    while (PENDING_REQ_ST* req = waiting_.first()) {
+        const Service service(*this, req, Service::Cause::waiting_timeout);
+        const int ret = service.begun() ? send_through_selfloop(req, &req->data) : EINVAL;
+        if (is_shortage(ret))
+            return true;
+        const PendingRef first = waiting_.pop();
+        if (ret == 0)
+            in_pipe_.push(first.get());
     }
-}
-
-// Room is made by reading, and noticed there; the timer is for a shortage of another kind.
-void PendingRequests::look_again_soon() {
-    PendingRequests* self = this;
-    looks_again_ = looks_again_ || poller_timer_add(dm_cb_->poller, kLookAgainMs, on_look_again,
-                                                    &self, sizeof(self), nullptr) == 0;
-}
-
-int PendingRequests::on_look_again(uint32_t /*period_ms*/, int32_t /*elapsed_ms*/, void* user_data,
-                                   uint32_t /*len*/) {
-    PendingRequests* self = *static_cast<PendingRequests**>(user_data);
-    const CallbackScope scope(context_of(self->dm_cb_));
-    self->looks_again_ = false;
-    self->hand_over();
-    return 0;
+    return false;
 }
 
 } // namespace dm

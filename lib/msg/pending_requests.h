@@ -17,8 +17,8 @@ class PendingRequests;
 // A request that waits for its response. Its address is the request's identity on the wire.
 //
 // Each of these holds a reference: the pending list, the armed timer, the sender while it sends,
-// the poll thread while it handles a time-out or a response, the queue of time-outs that wait for
-// room in the self-loop, and the memory of ended requests.
+// the poll thread while it handles a time-out or a response, its time-out while that waits for room
+// in the self-loop's pipe or is in there, and the memory of ended requests.
 struct PENDING_REQ_ST {
     DM_INTF_ST* intf;
     DM_ADDR_ST addr;
@@ -36,11 +36,12 @@ struct PENDING_REQ_ST {
 
     // Guarded by the lock of `requests`.
     bool sending;   // its sender is inside send_msg: how that ends is the request's outcome
-    bool timed_out; // while its sender was: reported once the send has succeeded
+    bool timed_out; // its time-out is reported, or will be once the send has succeeded
+    bool reported;  // its time-out goes through the self-loop, once
     bool answered;  // its callback runs or has run
     bool ended;     // answered, failed, or its interface is gone: nothing of it happens any more
 
-    PENDING_REQ_ST* next; // in the queue of time-outs that wait for room
+    PENDING_REQ_ST* next; // of the time-outs that wait for room, then of those in the pipe
 };
 
 struct PendingUnref {
@@ -59,7 +60,6 @@ public:
     explicit PendingRequests(DM_CB_ST* dm_cb) : dm_cb_(dm_cb) {}
     PendingRequests(const PendingRequests&) = delete;
     PendingRequests& operator=(const PendingRequests&) = delete;
-    ~PendingRequests();
 
     // What dm_send_req() does, with its results, for arguments that are there.
     int send(DM_INTF_ST* intf, DM_ADDR_ST* addr, uint32_t addr_len, DM_DATA_ST* data,
@@ -69,9 +69,9 @@ public:
     // requests (late, doubled or never asked for) are ignored.
     void answer(DM_INTF_ST* intf, DM_MSG_ST* msg);
 
-    // On the poll thread, due when it has read from the self-loop: time-outs that found no room
-    // there take the one that the reading made.
-    void hand_over();
+    // On the poll thread, with each of its passes: time-outs that found no room in the self-loop
+    // take what the reading has made. True when some still wait, and want another look soon.
+    bool hand_over();
 
     // An interface goes: its requests end without a callback.
     void end_those_of(const DM_INTF_ST* intf);
@@ -90,8 +90,9 @@ private:
     int publish(PENDING_REQ_ST* req);
     int arm_timer(PENDING_REQ_ST* req, uint32_t period_ms);
     bool end(PENDING_REQ_ST* req);
-    void remove(PENDING_REQ_ST* req);
-    bool has_ended(const PENDING_REQ_ST* req);
+    bool end_locked(PENDING_REQ_ST* req);
+    void unlist(PENDING_REQ_ST* req);
+    bool is_over(const PENDING_REQ_ST* req);
     PendingRef find(uint64_t req_id);
 
     static int on_timer(uint32_t period_ms, int32_t elapsed_ms, void* user_data, uint32_t len);
@@ -100,10 +101,8 @@ private:
     int send_through_selfloop(PENDING_REQ_ST* req, DM_DATA_ST* response);
     int send_via(DM_INTF_ST* selfloop, const LIST_NODE_ST* node, PENDING_REQ_ST* req,
                  DM_DATA_ST* response);
-    void enqueue(PENDING_REQ_ST* req, const DM_DATA_ST& response);
-    PendingRef dequeue();
-    void look_again_soon();
-    static int on_look_again(uint32_t period_ms, int32_t elapsed_ms, void* user_data, uint32_t len);
+    void keep_waiting(PENDING_REQ_ST* req, const DM_DATA_ST& response);
+    void frame_came(uint64_t req_id);
 
     // An answer that comes after its request has ended (late, or doubled on its way) must not be
     // taken for that of another request at the same address. So the memory of a request is not
@@ -117,6 +116,24 @@ private:
         std::size_t next_ = 0;
     };
 
+    // Requests in the order in which they came, with a reference on each.
+    class Queue {
+    public:
+        Queue() = default;
+        Queue(const Queue&) = delete;
+        Queue& operator=(const Queue&) = delete;
+        ~Queue();
+
+        PENDING_REQ_ST* first() const { return first_; }
+        bool has(uint64_t req_id) const;
+        void push(PENDING_REQ_ST* req);
+        PendingRef pop();
+
+    private:
+        PENDING_REQ_ST* first_ = nullptr;
+        PENDING_REQ_ST* last_ = nullptr;
+    };
+
     DM_CB_ST* dm_cb_;
 
     // Guards what follows up to `ended_`, and of every request its state.
@@ -127,10 +144,10 @@ private:
     bool stopped_ = false;
     Ended ended_;
 
-    // Time-outs that wait for room in the self-loop, in their order. The poll thread's own.
-    PENDING_REQ_ST* first_waiting_ = nullptr;
-    PENDING_REQ_ST* last_waiting_ = nullptr;
-    bool looks_again_ = false; // a timer is armed for them
+    // Time-outs that wait for room in the self-loop's pipe, and those whose frame is in there:
+    // their identity stays theirs until it has come out. The poll thread's own.
+    Queue waiting_;
+    Queue in_pipe_;
 };
 
 // The callbacks of the pending list.

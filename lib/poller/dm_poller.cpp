@@ -22,7 +22,6 @@ constinit dm::SubjectLog poller_log;
 
 namespace {
 
-using dm::EndHook;
 using dm::PollArray;
 using dm::Poller;
 using Phase = dm::PollerPhase;
@@ -120,21 +119,17 @@ struct HandleDrop {
 
 using HandleShare = std::unique_ptr<Poller, HandleDrop>;
 
-// Releases all but the handle, whose lists are null from then on. Not left half done.
+// Releases all but the handle, whose lists are null from then on. Not left half done. The phase is
+// `released`: nobody else does.
 void __poller_free(Poller* poller) {
     const dm::CancellationOff whole;
-    const HandleShare share(poller);
+    const HandleShare creators(poller);
     list_destroy(std::exchange(poller->fd_list, nullptr));
     list_destroy(std::exchange(poller->timer_list, nullptr));
     __close_notifier_end(poller->notify_fd[0]);
     __close_notifier_end(poller->notify_fd[1]);
-    EndHook hook;
-    {
-        const std::lock_guard lock(poller->life);
-        poller->phase = Phase::released;
-        hook = std::exchange(poller->end_hook, {});
-    }
-    hook();
+    if (poller->owner.on_end != nullptr)
+        poller->owner.on_end(poller->owner.arg);
 }
 
 // ---- the poll thread ----
@@ -168,10 +163,11 @@ private:
 // The loop on its thread, and the end of the thread however it ends: a callback may be cancelled.
 class PollThread {
 public:
-    explicit PollThread(Poller* poller) : poller_(poller) {}
+    explicit PollThread(Poller* poller) : poller_(poller), share_(poller) {}
     PollThread(const PollThread&) = delete;
     PollThread& operator=(const PollThread&) = delete;
     ~PollThread() noexcept(false) {
+        const dm::CancellationOff whole;
         if (leave())
             __poller_free(poller_);
     }
@@ -189,7 +185,7 @@ private:
     // False when the poller was destroyed before its thread had begun.
     bool enter() {
         const std::lock_guard lock(poller_->life);
-        if (poller_->phase == Phase::doomed)
+        if (poller_->phase == Phase::released)
             return false;
         poller_->phase = Phase::running;
         poller_->poll_thread = pthread_self();
@@ -202,9 +198,12 @@ private:
     bool leave() {
         const std::lock_guard lock(poller_->life);
         poller_->poll_thread = {};
-        if (poller_->phase == Phase::doomed || poller_->phase == Phase::destroying ||
-            dm::load(poller_->state) == POLLER_DESTORY)
+        if (poller_->phase == Phase::released)
+            return false;
+        if (poller_->phase == Phase::destroying || dm::load(poller_->state) == POLLER_DESTORY) {
+            poller_->phase = Phase::released;
             return true;
+        }
         __drain_notices(poller_);
         poller_->phase = Phase::idle;
         poller_->process = 0;
@@ -232,6 +231,8 @@ private:
         __poller_run_timers(poller_);
         sweep_fds();
         __poller_sweep_removed<POLLER_TIMER_ENTRY_ST>(poller_->timer_list, poller_->marked_timers);
+        if (poller_->owner.on_pass != nullptr)
+            looks_again_ = poller_->owner.on_pass(poller_->owner.arg);
     }
 
     // Gives the number of ready descriptors, or -1 when the pass ends here.
@@ -259,7 +260,9 @@ private:
                 fds = array.slots();
                 nfds = array.count();
             }
-            const int wait_ms = __wait_ms(poller_, array.count());
+            int wait_ms = __wait_ms(poller_, array.count());
+            if (looks_again_)
+                wait_ms = std::min(wait_ms, kIdleWaitMs);
             const dm::TurnScope turn(poller_->wait);
             if (fds != nullptr && !array.is_fresh())
                 continue;
@@ -285,7 +288,9 @@ private:
     }
 
     Poller* poller_;
-    uint32_t failures_ = 0; // of poll(), one after another
+    const HandleShare share_;
+    uint32_t failures_ = 0;    // of poll(), one after another
+    bool looks_again_ = false; // the owner wants the next pass soon
 };
 
 void* __do_poll(void* arg) {
@@ -309,6 +314,34 @@ int __create_thread(Poller* poller) {
 bool __is_anothers(const Poller* poller) {
     const pid_t process = poller->process;
     return process != 0 && process != getpid();
+}
+
+enum class While { running, stopping };
+
+// Releases a poller without a thread, or has its thread do it. A thread that is about to start
+// finds the poller released.
+void __destroy(Poller* poller, While at_most) {
+    const dm::CancellationOff whole;
+    if (__is_anothers(poller))
+        return;
+    {
+        const std::lock_guard lock(poller->life);
+        switch (poller->phase) {
+        case Phase::running:
+            if (dm::is_running(poller))
+                __request_destroy(poller);
+            else if (at_most == While::stopping)
+                poller->phase = Phase::destroying;
+            return;
+        case Phase::idle:
+        case Phase::starting:
+            poller->phase = Phase::released;
+            break;
+        default:
+            return;
+        }
+    }
+    __poller_free(poller);
 }
 
 } // namespace
@@ -354,6 +387,7 @@ int poller_run(POLLER_ST* poller) {
         return EINVAL;
     if (pthread_equal(pthread_self(), poller->owner_tid) == 0)
         return 1;
+    const dm::CancellationOff whole;
     Poller* self = dm::private_of(poller);
     {
         const std::lock_guard lock(self->life);
@@ -362,19 +396,17 @@ int poller_run(POLLER_ST* poller) {
         self->phase = Phase::starting;
         self->process = getpid();
     }
+    self->holders.fetch_add(1);
+    HandleShare threads(self);
     const int status = __create_thread(self);
-    // From here on a thread that was created may have released the poller.
-    if (status == 0)
+    if (status == 0) {
+        static_cast<void>(threads.release()); // which may have given it up by now
         return 0;
-    bool is_doomed = false;
-    {
-        const std::lock_guard lock(self->life);
-        is_doomed = self->phase == Phase::doomed;
-        self->phase = Phase::idle;
-        self->process = 0;
     }
-    if (is_doomed)
-        __poller_free(self);
+    const std::lock_guard lock(self->life);
+    if (self->phase == Phase::starting)
+        self->phase = Phase::idle;
+    self->process = 0;
     return status;
 }
 
@@ -390,52 +422,31 @@ int poller_exit(POLLER_ST* poller) {
 int poller_destory(POLLER_ST* poller) {
     if (poller == nullptr)
         return EINVAL;
-    Poller* self = dm::private_of(poller);
-    if (__is_anothers(self))
-        return 0;
-    EndHook hook;
-    bool was_idle = false;
-    {
-        const std::lock_guard lock(self->life);
-        switch (self->phase) {
-        case Phase::running:
-            if (dm::is_running(poller))
-                __request_destroy(self);
-            return 0;
-        case Phase::starting:
-            self->phase = Phase::doomed;
-            hook = std::exchange(self->end_hook, {});
-            break;
-        case Phase::idle:
-            self->phase = Phase::released;
-            was_idle = true;
-            break;
-        default:
-            return 0;
-        }
-    }
-    // A thread that is about to start releases the poller before it runs anything, if it ever does.
-    if (was_idle)
-        __poller_free(self);
-    else
-        hook();
+    __destroy(dm::private_of(poller), While::running);
     return 0;
 }
 
+void __poller_end(POLLER_ST* poller) {
+    __destroy(dm::private_of(poller), While::stopping);
+}
+
+// A thread that is cancelled in the write would leave word of a notice that is not there.
 bool __poller_wake(POLLER_ST* poller) {
+    const dm::CancellationOff whole;
     Poller* self = dm::private_of(poller);
     const std::lock_guard lock(self->life);
     if (self->wake_sent.exchange(true))
         return true;
-    const bool sent = __poller_send_notice(poller, kNoticeWake);
-    if (!sent)
-        self->wake_sent = false;
-    return sent;
+    errno = 0;
+    if (__poller_send_notice(poller, kNoticeWake))
+        return true;
+    self->wake_sent = false;
+    return errno == EAGAIN; // a full pipe ends the wait as well
 }
 
-void __poller_hold(POLLER_ST* poller, void (*on_end)(void* arg), void* arg) {
+void __poller_hold(POLLER_ST* poller, const POLLER_OWNER& owner) {
     dm::private_of(poller)->holders.fetch_add(1);
-    dm::private_of(poller)->end_hook = {on_end, arg};
+    dm::private_of(poller)->owner = owner;
 }
 
 void __poller_drop(POLLER_ST* poller) {

@@ -51,7 +51,9 @@ uint64_t __callback_of(const Poller* poller, const POLLER_FD_ENTRY_ST* entry) {
     return is_its && poller->callback.current() == turn ? turn : 0;
 }
 
-Removal __remove_entries(Poller* poller, int fd, int events) {
+enum class Then { keep_open, close };
+
+Removal __remove_entries(Poller* poller, int fd, int events, Then then) {
     POLLER_FD_ENTRY_ST key{};
     key.fd = fd;
     key.events = static_cast<int16_t>(events);
@@ -65,6 +67,8 @@ Removal __remove_entries(Poller* poller, int fd, int events) {
             dm::mark(entry, poller->marked_fds);
         else
             list_remove(poller->fd_list, node);
+        if (then == Then::close)
+            ++poller->closings;
         ++poller->fd_changes;
         removal.found = true;
         if (const uint64_t turn = __callback_of(poller, entry); turn != 0)
@@ -122,7 +126,7 @@ int poller_fd_add(POLLER_ST* poller, int fd, int16_t events, POLLER_FD_CALLBACK 
 int poller_fd_remove(POLLER_ST* poller, int fd, int events) {
     if (poller == nullptr)
         return EINVAL;
-    __remove_entries(dm::private_of(poller), fd, events);
+    __remove_entries(dm::private_of(poller), fd, events, Then::keep_open);
     return 0;
 }
 
@@ -130,7 +134,7 @@ int __poller_fd_remove_and_wait(POLLER_ST* poller, int fd, int events) {
     if (poller == nullptr)
         return EINVAL;
     Poller* self = dm::private_of(poller);
-    const Removal removal = __remove_entries(self, fd, events);
+    const Removal removal = __remove_entries(self, fd, events, Then::close);
     if (!removal.found || __poller_is_current(poller))
         return 0;
     // A wait that begins from here on looks at the changes first, and does without the descriptor.

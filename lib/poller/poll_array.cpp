@@ -2,7 +2,9 @@
 
 #include "list/dm_list_walk.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <utility>
 
 namespace dm {
 
@@ -33,6 +35,7 @@ void PollArray::load() {
     }
     // poll() gets as many slots as the list has nodes, even when marked entries take none; the
     // last slots then keep what an earlier pass left there, which no entry refers to.
+    const uint64_t closings = poller_->closings;
     pollfd* slot = fds_.get();
     const pollfd* end = slot + count_;
     ListWalk walk(poller_->fd_list);
@@ -42,6 +45,18 @@ void PollArray::load() {
         entry->slot = takes_slot ? slot : nullptr;
         if (takes_slot)
             *slot++ = {entry->fd, entry->events, entry->revents};
+    }
+    if (std::exchange(closings_, closings) != closings)
+        blank_rest(slot);
+}
+
+// A descriptor that is about to be closed must not be polled any more, for that keeps its file.
+void PollArray::blank_rest(pollfd* rest) {
+    const pollfd* loaded = fds_.get();
+    for (pollfd* slot = rest; slot != loaded + count_; ++slot) {
+        const auto is_same = [slot](const pollfd& other) { return other.fd == slot->fd; };
+        if (std::none_of(loaded, static_cast<const pollfd*>(rest), is_same))
+            slot->fd = -1;
     }
 }
 

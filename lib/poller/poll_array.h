@@ -26,14 +26,16 @@ public:
 private:
     void load();
     bool grow();
+    void blank_rest(pollfd* rest);
     void clear_slots();
 
     Poller* poller_;
     Owned<pollfd> fds_;
-    uint32_t count_ = 0;  // slots handed to poll()
-    uint32_t size_ = 0;   // slots allocated
-    uint64_t seen_ = 0;   // the state of Poller::fd_changes at the last look
-    bool loaded_ = false; // false: the array could not grow, the next pass tries again
+    uint32_t count_ = 0;    // slots handed to poll()
+    uint32_t size_ = 0;     // slots allocated
+    uint64_t seen_ = 0;     // the state of Poller::fd_changes at the last look
+    uint64_t closings_ = 0; // the state of Poller::closings at the last loading
+    bool loaded_ = false;   // false: the array could not grow, the next pass tries again
 };
 
 } // namespace dm

@@ -81,32 +81,20 @@ private:
 enum class PollerPhase {
     idle,       // there is no thread
     starting,   // a thread was created and has not begun yet
-    doomed,     // the same, and it is to release the poller as it begins
     running,    // the thread is in the loop
     destroying, // the same, and it is to release the poller as it leaves
     released,   // only the handle is left, for who holds it
-};
-
-// What runs once no callback will run any more.
-struct EndHook {
-    void (*run)(void* arg) = nullptr;
-    void* arg = nullptr;
-
-    void operator()() const {
-        if (run != nullptr)
-            run(arg);
-    }
 };
 
 struct Poller : POLLER_ST {
     // Guards what follows up to `changes`, and the write end of the notice pipe.
     std::mutex life;
     PollerPhase phase = PollerPhase::idle;
-    pthread_t poll_thread{}; // while it runs
-    EndHook end_hook;
+    pthread_t poll_thread{};                    // while it runs
     std::atomic<bool> destroy_requested{false}; // read by the loop without the lock
     std::atomic<pid_t> process{0};              // whose thread it is; a forked child has none of it
-    std::atomic<int> holders{1};                // of the handle
+    std::atomic<int> holders{1};                // of the handle: the creator, the thread, an owner
+    POLLER_OWNER owner{};
 
     // What the poll thread is at, so that a removal can wait until it is past that.
     Turn wait;     // poll() holds the files behind the descriptors that it was given
@@ -115,6 +103,7 @@ struct Poller : POLLER_ST {
     std::atomic<bool> wake_sent{false};
 
     std::atomic<uint64_t> fd_changes{1}; // goes up as entries are added, marked or removed
+    std::atomic<uint64_t> closings{0};   // goes up as entries are removed to be closed
     MarkedCount marked_fds{0};
     MarkedCount marked_timers{0};
     std::atomic<uint64_t> timers_added{0};

@@ -236,12 +236,14 @@ int CheckLogLevel(int /*module*/, int /*level*/) {
     return 1;
 }
 
+// As writing a line is, each of these is a cancellation point.
 #define DEFINE_LOG(name, level)                          \
     void name(int /*module*/, const char* format, ...) { \
         va_list args;                                    \
         va_start(args, format);                          \
         support::capture(level, format, args);           \
         va_end(args);                                    \
+        pthread_testcancel();                            \
     }
 DEFINE_LOG(DlogErrorInner, 'E')
 DEFINE_LOG(DlogWarnInner, 'W')
