@@ -7,8 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
+
 #include <chrono>
 #include <climits>
+#include <functional>
 #include <vector>
 
 // Whether a waiter node is lost is for the address sanitizer to say.
@@ -18,6 +21,27 @@ using namespace std::chrono_literals;
 using support::Call;
 using support::Fault;
 using Tids = std::vector<uint64_t>;
+using Step = std::function<void()>;
+
+// What this thread's next waits are instead: a step without the mutex, and a result.
+struct Wait {
+    int result = 0;
+    Step step = [] {};
+};
+thread_local std::vector<Wait> next_waits;
+
+// Plays the next one, or gives -1.
+int play_wait(pthread_mutex_t* mutex) {
+    if (next_waits.empty())
+        return -1;
+    const Wait wait = next_waits.front();
+    next_waits.erase(next_waits.begin());
+    pthread_mutex_unlock(mutex);
+    wait.step();
+    pthread_mutex_lock(mutex);
+    pthread_testcancel();
+    return wait.result;
+}
 
 constexpr uint32_t kLong = 600000; // even on a clock that was set back often
 
@@ -25,6 +49,15 @@ constexpr uint32_t kLong = 600000; // even on a clock that was set back often
 // would last longer if it went ahead.
 void expect_next_line() {
     support::move_wall_clock(-4000);
+}
+
+// So that waits wait.
+void set_wall_clock_right() {
+    timespec shown{};
+    timespec real{};
+    get_abs_time(&shown, 0);
+    clock_gettime(CLOCK_REALTIME, &real);
+    support::move_wall_clock((real.tv_sec - shown.tv_sec) * 1000);
 }
 
 // A lock, with looks at its fields while threads use it.
@@ -54,8 +87,9 @@ public:
     }
     int32_t count() { return get(&THREAD_TIMED_MUTEX_ST::count); }
     uint32_t nest_num() { return get(&THREAD_TIMED_MUTEX_ST::nest_num); }
-    bool is_awaited() {
-        return support::eventually([this] { return get(&THREAD_TIMED_MUTEX_ST::wait_num) == 1; });
+    bool is_awaited(int waiters = 1) {
+        return support::eventually(
+            [=, this] { return get(&THREAD_TIMED_MUTEX_ST::wait_num) == waiters; });
     }
     Tids waiters() const {
         Tids tids;
@@ -247,19 +281,118 @@ TEST_F(TimedLock, TheWaiterListKeepsItsOrder) {
     EXPECT_EQ(lock.waiters(), Tids({6, 8}));
 }
 
-// Never two owners, and each thread gets its turns.
-TEST_F(TimedLock, OneOwnerAtATimeUnderContention) {
-    constexpr int threads = 8;
-    const int turns = support::rounds(100000) / threads;
+// Just when it is unlocked for the waiter, the waiter's time is over: it has the lock all the same,
+// and nobody else had it meanwhile.
+TEST_F(TimedLock, ATimeOutThatCoincidesWithAnUnlockLosesNothing) {
     for (const int32_t type : {THREAD_TIMED_BINARY, THREAD_TIMED_MUTEX}) {
         Lock lock(type, 1);
-        int inside = 0; // a race here is one of the lock
-        int taken = 0;
+        lock.lock();
+        std::thread([&] {
+            next_waits = {{ETIMEDOUT, [&] {
+                               lock.unlock();
+                               EXPECT_EQ(lock.count(), 0);
+                               EXPECT_EQ(lock.trylock(), THREAD_TIMED_FAILED);
+                           }}};
+            EXPECT_EQ(lock.lock(5), 0U);
+            EXPECT_EQ(lock.get(&THREAD_TIMED_MUTEX_ST::owner), pthread_self());
+            EXPECT_EQ(lock.unlock(), 0U);
+        }).join();
+        EXPECT_EQ(lock.count(), 1);
+        EXPECT_EQ(lock.waiters(), Tids());
+        EXPECT_EQ(lock.trylock(), 0U);
+    }
+}
+
+TEST_F(TimedLock, AWakeUpThatBringsNothingDecidesNothing) {
+    for (const int32_t type : {THREAD_TIMED_BINARY, THREAD_TIMED_MUTEX}) {
+        Lock lock(type, 1);
+        lock.lock();
+        std::thread([&] {
+            next_waits = {{}, {}};
+            EXPECT_EQ(lock.lock(20), THREAD_TIMED_TIMEOUT);
+            next_waits = {{EINVAL}};
+            EXPECT_EQ(lock.lock(20), THREAD_TIMED_FAILED);
+            EXPECT_EQ(lock.count(), 0);
+            next_waits = {{}, {0, [&] { lock.unlock(); }}};
+            EXPECT_EQ(lock.lock(), 0U);
+            EXPECT_TRUE(next_waits.empty());
+        }).join();
+    }
+}
+
+// What was handed to a waiter that is cancelled just then goes to another one, or a mutex is free
+// again. A semaphore's unit is the one that the waiter had reserved, and is not restored.
+TEST_F(TimedLock, ACancelledWaiterKeepsNothingFromOthers) {
+    for (const int32_t type : {THREAD_TIMED_BINARY, THREAD_TIMED_MUTEX}) {
+        for (const bool alone : {true, false}) {
+            Lock lock(type, 1);
+            lock.lock();
+            std::thread other([&] { alone || lock.lock(kLong) == 0; });
+            EXPECT_TRUE(alone || lock.is_awaited());
+            std::thread([&] {
+                next_waits = {{0, [&] {
+                                   lock.unlock();
+                                   pthread_cancel(pthread_self());
+                               }}};
+                lock.lock();
+            }).join();
+            other.join();
+            EXPECT_EQ(lock.get(&THREAD_TIMED_MUTEX_ST::wait_num), 1);
+            EXPECT_EQ(lock.count(), alone && type == THREAD_TIMED_MUTEX   ? 1
+                                    : alone || type == THREAD_TIMED_MUTEX ? 0
+                                                                          : -1);
+            EXPECT_EQ(lock.get(&THREAD_TIMED_MUTEX_ST::locked), alone ? 0U : 1U);
+        }
+    }
+}
+
+// The second of two units goes to who came while the first was on its way.
+TEST_F(TimedLock, AFreeUnitReachesWhoQueuesBehindAHandOver) {
+    Lock sem(THREAD_TIMED_BINARY, 0);
+    set_wall_clock_right();
+    std::thread second;
+    std::thread([&] {
+        next_waits = {{0, [&] {
+                           for (int i = 0; i < 3; ++i) {
+                               sem.unlock();
+                               EXPECT_EQ(sem.count(), std::min(i, 1));
+                           }
+                           second = std::thread([&] { EXPECT_EQ(sem.lock(5000), 0U); });
+                           EXPECT_TRUE(sem.is_awaited(2));
+                       }}};
+        EXPECT_EQ(sem.lock(), 0U);
+    }).join();
+    second.join();
+    EXPECT_EQ(sem.count(), 0);
+}
+
+// Never more owners than units, no unit lost, and each thread gets its turns. Where waits time out,
+// locks are held for about as long.
+TEST_F(TimedLock, UnitsAreKeptUnderContention) {
+    constexpr int threads = 4;
+    set_wall_clock_right();
+    struct {
+        int32_t type, units;
+        uint32_t timeout_ms;
+        int turns;
+    } const cases[] = {
+        {THREAD_TIMED_BINARY, 1, 0, support::rounds(20000)},
+        {THREAD_TIMED_MUTEX, 1, 0, support::rounds(20000)},
+        {THREAD_TIMED_BINARY, 1, 1, 100},
+        {THREAD_TIMED_COUNTING, 2, 1, 100},
+        {THREAD_TIMED_MUTEX, 1, 1, 100},
+    };
+    for (const auto& wanted : cases) {
+        Lock lock(wanted.type, wanted.units);
+        std::atomic<int> inside = 0;
         const auto take_turns = [&] {
-            for (int turn = 0; turn < turns; ++turn) {
-                EXPECT_EQ(lock.lock(), 0U);
-                EXPECT_EQ(++inside, 1);
-                ++taken;
+            for (int turn = 0; turn < wanted.turns; ++turn) {
+                uint32_t code = 0;
+                while ((code = lock.lock(wanted.timeout_ms)) == THREAD_TIMED_TIMEOUT) {
+                }
+                EXPECT_EQ(code, 0U);
+                EXPECT_LE(++inside, wanted.units);
+                std::this_thread::sleep_for(wanted.timeout_ms * 990us);
                 --inside;
                 EXPECT_EQ(lock.unlock(), 0U);
             }
@@ -268,9 +401,9 @@ TEST_F(TimedLock, OneOwnerAtATimeUnderContention) {
         for (std::jthread& thread : running)
             thread = std::jthread(take_turns);
         running.clear();
-        EXPECT_EQ(taken, threads * turns);
-        EXPECT_EQ(lock.count(), 1);
+        EXPECT_EQ(lock.count(), wanted.units);
         EXPECT_EQ(lock.waiters(), Tids());
+        EXPECT_EQ(lock.trylock(), 0U);
     }
 }
 
@@ -291,3 +424,17 @@ TEST_F(TimedLock, ABinarySemaphoreMayBeginWithMoreUnits) {
 }
 
 } // namespace
+
+#define REAL(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
+
+extern "C" {
+
+int pthread_cond_wait(pthread_cond_t* cond, pthread_mutex_t* mutex) {
+    const int result = play_wait(mutex);
+    return result >= 0 ? result : REAL(pthread_cond_wait)(cond, mutex);
+}
+int pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex, const timespec* deadline) {
+    const int result = play_wait(mutex);
+    return result >= 0 ? result : REAL(pthread_cond_timedwait)(cond, mutex, deadline);
+}
+}
