@@ -2,6 +2,7 @@
 
 #include "support/platform_hooks.h"
 #include "support/threads.h"
+#include "vos/thread_table.h"
 
 #include <gtest/gtest.h>
 
@@ -170,6 +171,28 @@ TEST_F(OsalTask, AThreadOfOtherMeansCanBeDeleted) {
     void* result = nullptr;
     ASSERT_EQ(pthread_join(thread, &result), 0);
     EXPECT_EQ(result, PTHREAD_CANCELED);
+}
+
+// With identifiers that are each seen once, more than there is room for.
+TEST(ThreadTable, ForgetsWhoEndedFirst) {
+    constexpr pthread_t room = dm::ThreadTable::kEntries;
+    static dm::ThreadTable table;
+    table.enter(1, dm::ThreadState::live);
+    for (pthread_t id = 2; id <= 3 * room; ++id) {
+        table.end(*table.enter(id, dm::ThreadState::starting));
+        ASSERT_EQ(table.find(id)->state, dm::ThreadState::ended);
+    }
+    EXPECT_EQ(table.find(2 * room + 1), nullptr);
+    for (pthread_t id = 2 * room + 2; id <= 3 * room; ++id)
+        table.enter(id, dm::ThreadState::live); // again
+    EXPECT_EQ(table.find(1)->state, dm::ThreadState::live);
+    EXPECT_FALSE(table.is_incomplete());
+    EXPECT_EQ(table.enter(2, dm::ThreadState::live), nullptr);
+    EXPECT_TRUE(table.is_incomplete());
+    table.end_all_but(1);
+    EXPECT_TRUE(table.find(3 * room)->is_gone());
+    EXPECT_FALSE(table.find(1)->is_gone());
+    EXPECT_NE(table.enter(2, dm::ThreadState::live), nullptr);
 }
 
 } // namespace

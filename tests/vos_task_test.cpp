@@ -6,11 +6,17 @@
 
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
 #include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <bit>
+#include <csignal>
+#include <functional>
+#include <thread>
 #include <vector>
 
 extern "C" {
@@ -31,6 +37,12 @@ using Args = std::array<uint64_t, 4>;
 
 // Which calloc() of this thread fails: 1 is the next one, 0 none.
 thread_local constinit int failing_calloc = 0;
+
+// What happens on this thread before it cancels another one.
+thread_local std::function<void()> before_cancel;
+
+// This thread's identifier, where it is not the true one.
+thread_local constinit uint64_t pretended_id = 0;
 
 uint64_t load(uint64_t& field) {
     return std::atomic_ref(field).load();
@@ -70,6 +82,7 @@ struct Seen {
     uint64_t tid, sys_tid;
     char name[16];
     uint32_t task_no;
+    int usr1_blocked;
     std::atomic<int> gate = 0;
 
     // Lets the task go, and waits until its number is free.
@@ -89,6 +102,9 @@ void look(uint64_t arg, uint64_t arg1, uint64_t arg2, uint64_t arg3) {
     seen->tid = osal_get_self_id();
     seen->sys_tid = vos_get_sys_task_id(0);
     prctl(PR_GET_NAME, seen->name);
+    sigset_t mask;
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    seen->usr1_blocked = sigismember(&mask, SIGUSR1);
     seen->looked.set();
     seen->gate.wait(0);
 }
@@ -153,6 +169,7 @@ TEST_F(VosTask, ABlockDescribesItsTask) {
     EXPECT_EQ(seen.task_no, 1U);
     EXPECT_EQ(seen.args, args);
     EXPECT_STREQ(seen.name, "nnnnnnnnnnnnnnn");
+    EXPECT_EQ(seen.usr1_blocked, 0);
     EXPECT_EQ(seen.sys_tid, seen.tid);
     EXPECT_EQ(vos_get_sys_task_id(1), seen.tid);
     EXPECT_EQ(vos_get_sys_task_id(0), VOS_TASK_NONE);
@@ -178,10 +195,8 @@ TEST_F(VosTask, AFailedCreationLeavesNothing) {
     EXPECT_EQ(create(nullptr), refused(VOS_TASK_NULL));
     EXPECT_EQ(create(end_at_once, {}, "task", 256), refused(VOS_TASK_NO_BLOCK));
     EXPECT_EQ(create(end_at_once, {}, "task", 0, too_large), refused(VOS_TASK_NO_THREAD));
-    for (const int nth : {1, 2}) {
-        const Fault no_memory(Call::malloc, nth);
-        EXPECT_EQ(create(end_at_once), refused(VOS_TASK_NO_THREAD));
-    }
+    const Fault no_memory(Call::malloc, 1);
+    EXPECT_EQ(create(end_at_once), refused(VOS_TASK_NO_THREAD));
     const Fault not_copied(Call::strncpy_s, 1);
     EXPECT_EQ(create(end_at_once, {}, "task", 0, 0, "desc"), refused(1));
     EXPECT_EQ(support::logged('E', "] strncpy_s error\n"), 1);
@@ -237,7 +252,8 @@ TEST_F(VosTask, NoTaskIsTakenForAnother) {
     const auto create_all = [&](uint64_t first, bool deletes) {
         for (uint64_t i = first; i < first + rounds; ++i) {
             const Created created =
-                create(check_own_name, {i, as_arg(&wrong)}, std::to_string(i).c_str());
+                create(check_own_name, {i, as_arg(&wrong)}, std::to_string(i).c_str(), 100, 65536,
+                       "to be looked at");
             EXPECT_EQ(created.code, 0U);
             newest = created.task_no;
             if (deletes && i % 2 == 0)
@@ -247,8 +263,11 @@ TEST_F(VosTask, NoTaskIsTakenForAnother) {
     };
     std::thread creator(create_all, 0, false);
     std::thread other_creator(create_all, rounds, true);
-    while (creating > 0)
+    while (creating > 0) {
+        for (char& character : g_p_task_cb[bystanders + 1].desc)
+            std::atomic_ref(character).load();
         vos_delete_task(newest);
+    }
     creator.join();
     other_creator.join();
     EXPECT_TRUE(only_these_threads(bystanders));
@@ -299,6 +318,119 @@ TEST_F(VosTask, AThreadThatEndsByOtherMeansKeepsItsNumber) {
     EXPECT_TRUE(seen.let_go());
 }
 
+TEST_F(VosTask, AThreadWithoutAnIdentifierIsNoTask) {
+    pretended_id = OSAL_NO_THREAD; // what every free block has
+    EXPECT_EQ(vos_get_current_task_id(), VOS_TASK_NONE);
+    EXPECT_EQ(vos_get_current_pid(), VOS_TASK_NONE);
+    EXPECT_EQ(vos_get_sys_task_id(0), VOS_TASK_NONE);
+    pretended_id = 0;
+}
+
+// As a library's constructor does it in the dynamic linker, whose lock a cancellation may need.
+TEST_F(VosTask, ACancellationHoldsUpNobody) {
+    before_cancel = [] {
+        std::thread([] {
+            EXPECT_EQ(create(end_at_once).code, 0U);
+            EXPECT_TRUE(only_these_threads(2)); // this one and the one to be cancelled
+        }).join();
+    };
+    for (const bool as_task : {true, false}) {
+        ASSERT_EQ(create(sleep_for_ever), (Created{0, 1}));
+        ASSERT_TRUE(support::eventually([] { return vos_get_sys_task_id(1) != VOS_TASK_NONE; }));
+        EXPECT_EQ(as_task ? vos_delete_task(1) : osal_delete_task(vos_get_sys_task_id(1)), 0U);
+        EXPECT_TRUE(only_these_threads(0));
+    }
+    before_cancel = nullptr;
+    EXPECT_EQ(vos_delete_task(1), VOS_TASK_NOT_CANCELLED);
+}
+
+void look_up_all(int /*signal*/) {
+    vos_get_current_pid();
+    vos_get_sys_task_id(1);
+    vos_check_task_idvalid(1);
+    osal_delete_task(0);
+}
+
+TEST_F(VosTask, ASignalHandlerMayLookUp) {
+    std::signal(SIGUSR1, look_up_all);
+    std::atomic<bool> is_over = false;
+    std::thread interrupted([&] {
+        while (!is_over) {
+            create(end_at_once);
+            look_up_all(0);
+        }
+    });
+    for (int i = 0; i < support::rounds(20000); ++i)
+        pthread_kill(interrupted.native_handle(), SIGUSR1);
+    is_over = true;
+    interrupted.join();
+    std::signal(SIGUSR1, SIG_DFL);
+}
+
+// The last round of destructors, too, finds a thread that is known.
+TEST_F(VosTask, AThreadMayUseTheLayerInItsDestructors) {
+    static pthread_key_t key;
+    pthread_key_create(&key, [](void* again) {
+        pthread_setspecific(key, again);
+        osal_get_self_id();
+    });
+    const VOS_TASK_ENTRY entry = [](uint64_t, uint64_t, uint64_t, uint64_t) {
+        pthread_setspecific(key, &key);
+    };
+    ASSERT_EQ(create(sleep_for_ever), (Created{0, 1}));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(create(entry, {}, "task", 0, uint64_t{64} << 20), (Created{0, 2}));
+        EXPECT_TRUE(only_these_threads(1));
+    }
+    EXPECT_EQ(vos_delete_task(1), 0U);
+    pthread_key_delete(key);
+}
+
+// What a child of a task finds wrong: the number of the line, or 0.
+int look_as_child(uint32_t own) {
+    alarm(20);
+    if (vos_get_current_task_id() != own || m_task_dyn_info[0] != 1)
+        return __LINE__;
+    for (uint32_t task_no = 1; task_no <= 3; ++task_no)
+        if (vos_check_task_idvalid(task_no) != (task_no == own))
+            return __LINE__;
+    for (int i = 0; i < 50; ++i) {
+        const Created created = create(i % 2 == 0 ? sleep_for_ever : end_at_once);
+        if (created.code != 0 || (i % 2 == 0 && vos_delete_task(created.task_no) != 0))
+            return __LINE__;
+    }
+    return support::eventually([] { return m_task_dyn_info[0] == 1; }) ? 0 : __LINE__;
+}
+
+TEST_F(VosTask, AChildHasTheTaskThatForkedAlone) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the thread sanitizer has no threads in such a child";
+#endif
+    ASSERT_EQ(create(sleep_for_ever), (Created{0, 1}));
+    std::atomic<int> status = -1;
+    const VOS_TASK_ENTRY forks = [](uint64_t result, uint64_t, uint64_t, uint64_t) {
+        const uint32_t own = vos_get_current_task_id();
+        const pid_t child = fork();
+        if (child == 0)
+            _exit(look_as_child(own) % 256);
+        int code = 0;
+        waitpid(child, &code, 0);
+        *std::bit_cast<std::atomic<int>*>(result) = code;
+    };
+    std::atomic<bool> is_over = false;
+    std::thread other([&] { // with the lock of the tasks, now and then
+        while (!is_over)
+            create(end_at_once);
+    });
+    for (int i = 0; i < support::rounds(50); ++i) {
+        EXPECT_EQ(create(forks, {as_arg(&status)}).code, 0U);
+        EXPECT_TRUE(support::eventually([&] { return status.exchange(-1) == 0; }));
+    }
+    is_over = true;
+    other.join();
+    EXPECT_EQ(vos_delete_task(1), 0U);
+}
+
 TEST_F(VosTask, AThreadWithoutATaskEnds) {
     uint64_t tid = 0;
     EXPECT_EQ(osal_create_task("none", vos_task_entry, 0, 0, 0, 0x10000 | 2000, &tid, &tid), 0);
@@ -324,4 +456,16 @@ calloc(size_t count, size_t size) {
         return nullptr;
     return __interceptor_calloc != nullptr ? __interceptor_calloc(count, size)
                                            : __libc_calloc(count, size);
+}
+
+#define REAL(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
+
+extern "C" int pthread_cancel(pthread_t thread) {
+    if (before_cancel)
+        before_cancel();
+    return REAL(pthread_cancel)(thread);
+}
+
+extern "C" uint64_t osal_get_self_id() {
+    return pretended_id != 0 ? pretended_id : REAL(osal_get_self_id)();
 }
