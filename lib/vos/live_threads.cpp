@@ -7,7 +7,6 @@
 namespace dm {
 
 // Nothing here is ever destroyed: threads may go on while the process exits.
-constinit RecordLock record_lock;
 [[gnu::tls_model("initial-exec")]] constinit thread_local ThisThread this_thread{};
 
 namespace {

@@ -12,45 +12,40 @@
 
 namespace dm {
 
-inline void hold_signals(sigset_t& before) {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-}
-
-inline void let_signals(const sigset_t& before) {
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-}
+// How often the calling thread keeps signals off, and its mask before. Not in the scopes that do
+// it: these end while a cancelled thread unwinds as well, where the address sanitizer takes what
+// they have on the stack for a part of the frames that are gone.
+struct SignalsHeld {
+    int times;
+    sigset_t before;
+};
+[[gnu::tls_model("initial-exec")]] extern constinit thread_local SignalsHeld signals_held;
 
 // Keeps signals from the calling thread for a scope.
 class SignalsOff {
 public:
-    SignalsOff() { hold_signals(before_); }
+    SignalsOff() { hold(); }
     SignalsOff(const SignalsOff&) = delete;
     SignalsOff& operator=(const SignalsOff&) = delete;
-    ~SignalsOff() { let_signals(before_); }
+    ~SignalsOff() { let(); }
 
-private:
-    sigset_t before_;
+    static void hold();
+    static void let();
 };
 
 class RecordLock {
 public:
     void lock() {
-        sigset_t before;
-        hold_signals(before);
+        SignalsOff::hold();
         mutex_.lock();
-        before_ = before;
     }
     void unlock() {
-        const sigset_t before = before_;
         mutex_.unlock();
-        let_signals(before);
+        SignalsOff::let();
     }
 
 private:
     std::mutex mutex_;
-    sigset_t before_{}; // the holder's
 };
 
 // Taken after the SPL lock and a timed lock's mutex, where those are held as well.
