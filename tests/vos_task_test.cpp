@@ -3,6 +3,7 @@
 #include "ipmi_osal_task.h"
 #include "support/platform_hooks.h"
 #include "support/threads.h"
+#include "vos/thread_table.h"
 
 #include <gtest/gtest.h>
 
@@ -14,6 +15,7 @@
 #include <array>
 #include <atomic>
 #include <bit>
+#include <cerrno>
 #include <csignal>
 #include <functional>
 #include <thread>
@@ -44,8 +46,7 @@ uint64_t as_arg(auto* pointer) {
 }
 
 struct Created {
-    uint32_t code = 0;
-    uint32_t task_no = 7;
+    uint32_t code = 0, task_no = 7;
     bool operator==(const Created&) const = default;
 };
 
@@ -58,6 +59,10 @@ Created create(VOS_TASK_ENTRY entry, const Args& args = {}, const char* name = "
 }
 
 void end_at_once(uint64_t, uint64_t, uint64_t, uint64_t) {}
+
+uint64_t osal_end(uint64_t /*arg*/) {
+    return 0;
+}
 
 void sleep_for_ever(uint64_t began, uint64_t, uint64_t, uint64_t) {
     if (began != 0)
@@ -74,13 +79,12 @@ struct Seen {
     char name[16];
     uint32_t task_no;
     int usr1_blocked;
-    std::atomic<int> gate = 0;
+    Event gate;
 
     // Lets the task go, and waits until its number is free.
     bool let_go() {
         const bool is_there = looked.wait();
-        gate = 1;
-        gate.notify_all();
+        gate.set();
         return is_there &&
                support::eventually([this] { return vos_check_task_idvalid(task_no) == 0; });
     }
@@ -97,7 +101,7 @@ void look(uint64_t arg, uint64_t arg1, uint64_t arg2, uint64_t arg3) {
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     seen->usr1_blocked = sigismember(&mask, SIGUSR1);
     seen->looked.set();
-    seen->gate.wait(0);
+    seen->gate.wait();
 }
 
 class VosTask : public testing::Test {
@@ -123,9 +127,7 @@ protected:
 // The first test of this program: there is no way back from a table.
 TEST(VosTaskTable, ThereAreNoTasksBeforeItIsMade) {
     EXPECT_EQ(create(end_at_once), (Created{VOS_TASK_NO_BLOCK, VOS_TASK_NONE}));
-    EXPECT_EQ(vos_get_current_pid(), VOS_TASK_NONE);
     EXPECT_EQ(vos_get_sys_task_id(1), VOS_TASK_NONE);
-    EXPECT_EQ(vos_check_task_idvalid(1), 0U);
     EXPECT_EQ(vos_delete_task(1), VOS_TASK_BAD_NUMBER);
     EXPECT_EQ(task_task_info_init(), 0U);
     EXPECT_EQ(m_pul_task_prio_que[VOS_TASK_MAX - 1], VOS_TASK_NONE);
@@ -153,24 +155,38 @@ TEST_F(VosTask, ABlockDescribesItsTask) {
     EXPECT_EQ(block.desc, std::string(50, 'd'));
     EXPECT_EQ(load(block.tid_copy), seen.tid);
     EXPECT_EQ(load(block.pid), next_pid);
-    EXPECT_EQ(block.prio_cur, 255U);
     EXPECT_EQ(block.stack_size, 32768U);
     EXPECT_TRUE(seen.let_go());
     EXPECT_STREQ(block.name, "");
     EXPECT_EQ(block.flags, 1U);
-    EXPECT_EQ(block.reserved_pair[1], 1U);
 }
 
 TEST_F(VosTask, AFailedCreationLeavesNothing) {
-    constexpr uint64_t too_large = uint64_t{1} << 48;
-    const uint64_t all = m_task_dyn_info[1];
     const auto refused = [](uint32_t code) { return Created{code, VOS_TASK_NONE}; };
-    EXPECT_EQ(create(end_at_once, {}, nullptr), refused(VOS_TASK_NULL));
+    struct {
+        int malloc_fails, memset_fails;
+        uint64_t stack_size;
+        const char* line;
+    } const cases[] = {{1, 0, 0, "] malloc fail\n"},
+                       {0, 1, 0, "] memset_s fail\n"},
+                       {0, 0, uint64_t{1} << 48, "] pthread_create fail, errno="}};
+    const uint64_t all = m_task_dyn_info[1];
+    const uint64_t failed = g_creatthreadfailnum;
+    for (const auto& wanted : cases) {
+        support::skip_log_interval();
+        const Fault no_memory(Call::malloc, wanted.malloc_fails);
+        const Fault not_zeroed(Call::memset_s, wanted.memset_fails);
+        EXPECT_EQ(create(end_at_once, {}, "task", 0, wanted.stack_size),
+                  refused(VOS_TASK_NO_THREAD));
+        const std::string line = support::log_lines().back().text;
+        EXPECT_NE(line.find("[osal_create_task "), std::string::npos) << line;
+        EXPECT_NE(line.find(wanted.line), std::string::npos) << line;
+    }
+    EXPECT_EQ(g_creatthreadfailnum, failed + 1);
+    EXPECT_EQ(osal_create_task("one", osal_end, 256, 0, 0, 0, nullptr, nullptr), 5);
     EXPECT_EQ(create(nullptr), refused(VOS_TASK_NULL));
     EXPECT_EQ(create(end_at_once, {}, "task", 256), refused(VOS_TASK_NO_BLOCK));
-    EXPECT_EQ(create(end_at_once, {}, "task", 0, too_large), refused(VOS_TASK_NO_THREAD));
-    const Fault no_memory(Call::malloc, 1);
-    EXPECT_EQ(create(end_at_once), refused(VOS_TASK_NO_THREAD));
+    support::skip_log_interval();
     const Fault not_copied(Call::strncpy_s, 1);
     EXPECT_EQ(create(end_at_once, {}, "task", 0, 0, "desc"), refused(1));
     EXPECT_EQ(support::logged('E', "] strncpy_s error\n"), 1);
@@ -178,14 +194,11 @@ TEST_F(VosTask, AFailedCreationLeavesNothing) {
 }
 
 TEST_F(VosTask, AllNumbersCanBeInUse) {
-    Seen seen[VOS_TASK_MAX];
-    for (uint32_t i = 0; i < VOS_TASK_MAX; ++i)
-        ASSERT_EQ(create(look, {as_arg(&seen[i])}), (Created{0, i + 1}));
-    EXPECT_TRUE(only_these_threads(VOS_TASK_MAX));
-    EXPECT_EQ(create(look), (Created{VOS_TASK_NO_BLOCK, VOS_TASK_NONE}));
-    for (Seen& one : seen)
-        EXPECT_TRUE(one.let_go());
-    EXPECT_EQ(create(end_at_once), (Created{0, 1}));
+    for (uint32_t i = 1; i <= VOS_TASK_MAX; ++i)
+        ASSERT_EQ(create(sleep_for_ever), (Created{0, i}));
+    EXPECT_EQ(create(end_at_once), (Created{VOS_TASK_NO_BLOCK, VOS_TASK_NONE}));
+    for (uint32_t i = 1; i <= VOS_TASK_MAX; ++i)
+        EXPECT_EQ(vos_delete_task(i), 0U);
 }
 
 void check_own_name(uint64_t number, uint64_t wrong, uint64_t, uint64_t) {
@@ -376,6 +389,85 @@ TEST_F(VosTask, ABlockThatCannotBeClearedIsNotUsedAgain) {
     EXPECT_NE(line.find("[free_task_cb "), std::string::npos) << line;
     EXPECT_EQ(search_free_tcb(), 2U);
     free_task_cb(1);
+}
+
+uint64_t create_thread(uint64_t priority = 0, uint64_t stack_size = 65536) {
+    uint64_t tids[2] = {7, 7};
+    EXPECT_EQ(osal_create_task("one", osal_end, priority, 0, stack_size, 0, &tids[0], &tids[1]), 0);
+    EXPECT_EQ(tids[0], tids[1]);
+    return tids[0];
+}
+
+TEST(OsalTask, APriorityBecomesAttributes) {
+    for (const auto& [priority, value] :
+         {std::pair{0U, 1}, {25U, 10}, {128U, 50}, {254U, 98}, {255U, 99}}) {
+        for (const bool preempts : {false, true}) {
+            pthread_attr_t attr;
+            const auto set = preempts ? set_thread_attr_by_prio_preempt : set_thread_attr_by_prio;
+            EXPECT_EQ(set(priority, &attr), 0U);
+            int policy = 0, detached = 0;
+            sched_param param{};
+            pthread_attr_getschedpolicy(&attr, &policy);
+            pthread_attr_getdetachstate(&attr, &detached);
+            pthread_attr_getschedparam(&attr, &param);
+            EXPECT_EQ(policy, preempts ? SCHED_RR : SCHED_OTHER);
+            EXPECT_EQ(detached, PTHREAD_CREATE_DETACHED);
+            EXPECT_EQ(param.sched_priority, preempts ? value : 0);
+            EXPECT_EQ(set(priority, nullptr), 1U);
+            pthread_attr_destroy(&attr);
+        }
+    }
+    EXPECT_NE(support::log_lines().back().text.find("] lib/vos/ipmi_osal_task.cpp::"),
+              std::string::npos);
+}
+
+TEST(OsalTask, TheFateOfAnEndedThreadIsToldByErrno) {
+    const uint64_t ended = create_thread(255);
+    ASSERT_TRUE(only_these_threads(0));
+    for (const uint64_t gone : {ended, uint64_t{OSAL_NO_THREAD}, uint64_t{0}}) {
+        for (const auto& [number, code] : {std::pair{ESRCH, 1U}, {EINTR, 6U}}) {
+            errno = number;
+            EXPECT_EQ(osal_delete_task(gone), code);
+            EXPECT_EQ(errno, number);
+        }
+    }
+    // Some have not begun, some have ended, and some have the identifier of an ended one.
+    for (int i = 0; i < support::rounds(1000); ++i)
+        osal_delete_task(create_thread());
+    EXPECT_TRUE(only_these_threads(0));
+}
+
+TEST(OsalTask, AThreadOfOtherMeansCanBeDeleted) {
+    create_thread(0, 0); // whose identifier the C library will use again
+    ASSERT_TRUE(only_these_threads(0));
+    Event began;
+    std::thread other([&] {
+        osal_get_self_id();
+        sleep_for_ever(as_arg(&began), 0, 0, 0);
+    });
+    ASSERT_TRUE(began.wait());
+    EXPECT_EQ(osal_delete_task(other.native_handle()), 0U);
+    other.join();
+}
+
+// With identifiers that are each seen once, more than there is room for.
+TEST(ThreadTable, ForgetsWhoEndedFirst) {
+    constexpr pthread_t room = dm::ThreadTable::kEntries;
+    static dm::ThreadTable table;
+    table.enter(1, dm::ThreadState::live);
+    for (pthread_t id = 2; id <= 3 * room; ++id)
+        table.end(*table.enter(id, dm::ThreadState::starting));
+    EXPECT_EQ(table.find(2 * room + 1), nullptr);
+    for (pthread_t id = 2 * room + 2; id <= 3 * room; ++id) {
+        ASSERT_EQ(table.find(id)->state, dm::ThreadState::ended);
+        table.enter(id, dm::ThreadState::live); // again
+    }
+    EXPECT_FALSE(table.is_incomplete());
+    EXPECT_EQ(table.enter(2, dm::ThreadState::live), nullptr);
+    EXPECT_TRUE(table.is_incomplete());
+    table.end_all_but(1);
+    EXPECT_TRUE(table.find(3 * room)->is_gone());
+    EXPECT_FALSE(table.find(1)->is_gone());
 }
 
 } // namespace
