@@ -269,11 +269,11 @@ TEST_F(TimedLock, ACancelledWaiterKeepsNothingFromOthers) {
     for (const auto& wanted : cases) {
         Lock lock(wanted.type, 1);
         lock.lock();
-        std::thread other([&] { wanted.alone || lock.lock(kLong) == 0; });
+        std::thread other([&] { EXPECT_TRUE(wanted.alone || lock.lock(kLong) == 0); });
         EXPECT_TRUE(wanted.alone || lock.is_awaited());
         std::thread([&] {
             next_waits = {{0, [&] {
-                               wanted.handed&& lock.unlock() == 0;
+                               EXPECT_TRUE(!wanted.handed || lock.unlock() == 0);
                                pthread_cancel(pthread_self());
                            }}};
             lock.lock();
