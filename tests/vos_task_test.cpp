@@ -454,16 +454,16 @@ TEST(OsalTask, AThreadOfOtherMeansCanBeDeleted) {
 TEST(ThreadTable, ForgetsWhoEndedFirst) {
     constexpr pthread_t room = dm::ThreadTable::kEntries;
     static dm::ThreadTable table;
-    table.enter(1, dm::ThreadState::live);
+    table.enter(1, dm::ThreadState::live, false);
     for (pthread_t id = 2; id <= 3 * room; ++id)
-        table.end(*table.enter(id, dm::ThreadState::starting));
+        table.end(*table.enter(id, dm::ThreadState::starting, true));
     EXPECT_EQ(table.find(2 * room + 1), nullptr);
     for (pthread_t id = 2 * room + 2; id <= 3 * room; ++id) {
         ASSERT_EQ(table.find(id)->state, dm::ThreadState::ended);
-        table.enter(id, dm::ThreadState::live); // again
+        table.enter(id, dm::ThreadState::live, false); // again
     }
     EXPECT_FALSE(table.is_incomplete());
-    EXPECT_EQ(table.enter(2, dm::ThreadState::live), nullptr);
+    EXPECT_EQ(table.enter(2, dm::ThreadState::live, false), nullptr);
     EXPECT_TRUE(table.is_incomplete());
     table.end_all_but(1);
     EXPECT_TRUE(table.find(3 * room)->is_gone());

@@ -75,7 +75,7 @@ void Birth::created(pthread_t id) {
     if (has_begun_)
         return;
     record->birth = nullptr;
-    threads.enter(id, ThreadState::starting);
+    threads.enter(id, ThreadState::starting, true);
 }
 
 // A thread whose end cannot be hooked counts as starting for ever: the C library then answers for
@@ -86,7 +86,8 @@ BegunThread::BegunThread(const void* record) {
     StartRecord* const start = take_unborn(record);
     if (start != nullptr && start->birth != nullptr)
         start->birth->has_begun_ = true;
-    threads.enter(pthread_self(), is_hooked ? ThreadState::live : ThreadState::starting);
+    threads.enter(pthread_self(), is_hooked ? ThreadState::live : ThreadState::starting,
+                  start != nullptr);
     outer_ = std::exchange(this_thread.start, start);
     this_thread.is_recorded = true;
     this_thread.is_told_apart = true;
@@ -100,7 +101,7 @@ void start_record_of_this_thread() {
     if (!end_hook.arm())
         return;
     const std::lock_guard lock(record_lock);
-    threads.enter(pthread_self(), ThreadState::live);
+    threads.enter(pthread_self(), ThreadState::live, false);
     this_thread.is_recorded = true;
 }
 
@@ -124,12 +125,13 @@ PinnedThread::~PinnedThread() {
 bool PinnedThread::pin(pthread_t id) {
     if (id == 0 || id == OSAL_NO_THREAD)
         return false;
-    ThreadEntry* const entry = threads.find(id);
-    if (entry != nullptr && entry->is_gone())
-        return false;
-    if (entry != nullptr)
-        ++entry->pins;
     id_ = id;
+    ThreadEntry* const entry = threads.find(id);
+    if (entry == nullptr || (entry->is_gone() && !entry->is_ours))
+        return true; // there may be such a thread, which the caller has made
+    if (entry->is_gone())
+        return false;
+    ++entry->pins;
     entry_ = entry;
     return true;
 }

@@ -20,7 +20,7 @@ ThreadEntry* ThreadTable::find(pthread_t id) {
     return entry;
 }
 
-ThreadEntry* ThreadTable::enter(pthread_t id, ThreadState state) {
+ThreadEntry* ThreadTable::enter(pthread_t id, ThreadState state, bool is_ours) {
     ThreadEntry* entry = find(id);
     if (entry == nullptr) {
         entry = make_room();
@@ -29,6 +29,7 @@ ThreadEntry* ThreadTable::enter(pthread_t id, ThreadState state) {
             return nullptr;
         }
         entry->id = id;
+        entry->is_ours = false;
         ThreadEntry*& bucket = bucket_of(id);
         entry->next = bucket;
         bucket = entry;
@@ -36,6 +37,7 @@ ThreadEntry* ThreadTable::enter(pthread_t id, ThreadState state) {
         take_from_queue(*entry);
     }
     entry->state = state;
+    entry->is_ours |= is_ours;
     return entry;
 }
 

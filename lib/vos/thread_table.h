@@ -25,6 +25,7 @@ enum class ThreadState : uint8_t {
 struct ThreadEntry {
     pthread_t id;
     ThreadState state;
+    bool is_ours;               // the layer has created a thread with the identifier
     std::atomic<uint32_t> pins; // the thread does not end before they are gone
     ThreadEntry* next;          // in the bucket
     ThreadEntry* ended_before;  // in the queue of those that have ended
@@ -41,7 +42,7 @@ public:
     ThreadEntry* find(pthread_t id);
 
     // Notes a thread in the place of one that had its identifier before. Null without room.
-    ThreadEntry* enter(pthread_t id, ThreadState state);
+    ThreadEntry* enter(pthread_t id, ThreadState state, bool is_ours);
 
     void end(ThreadEntry& entry);
 
