@@ -6,7 +6,13 @@
  * cancelled with osal_delete_task().
  *
  * Threads: everything may be called from any thread. osal_task_delay() is a cancellation point
- * (pthreads(7)), and so is every call that writes a log line.
+ * (pthreads(7)), and so is every call that writes a log line. The library stays loaded once it is:
+ * threads may go on in it while the process exits.
+ *
+ * Signals: a handler may call osal_get_self_id(), osal_get_process_id(), osal_task_lock() and
+ * osal_task_unlock(), whatever of this layer it has interrupted.
+ *
+ * fork(2): in the child all threads but the one that forked have ended. It may create others.
  */
 #ifndef IPMI_OSAL_TASK_H
 #define IPMI_OSAL_TASK_H
@@ -79,10 +85,15 @@ DM_API int64_t osal_create_task(const char* name, OSAL_TASK_ENTRY entry, uint64_
  * Cancels a thread (pthread_cancel(3)).
  *
  * The identifier of a thread from osal_create_task() may be given at any time, also when that
- * thread has ended: it is then judged without the C library, as a failed cancellation. Any other
- * thread must exist, as for pthread_cancel(3). An identifier is used again by the C library once
- * its thread has ended: a thread that the caller made by other means, on the identifier of an ended
- * one of this layer, is known to be alive only after it has called osal_get_self_id().
+ * thread has ended: it is then judged without the C library, as a failed cancellation. That goes
+ * for as long as the layer remembers: it knows 4096 threads, those alive and those that ended last,
+ * by their identifiers, of which few are ever new. Any other thread must exist, as for
+ * pthread_cancel(3). An identifier is used again by the C library once its thread has ended: a
+ * thread that the caller made by other means, on the identifier of an ended one of this layer, is
+ * known to be alive only after it has called osal_get_self_id().
+ *
+ * A thread that is being cancelled here does not end before the call has done its part. While its
+ * destructors of thread-specific data run (pthread_key_create(3)), it may count as ended already.
  * @param thread the thread's identifier.
  * @return 0 when the cancellation was requested. When it failed, as for OSAL_NO_THREAD, errno
  *         decides, which neither a failed pthread_cancel(3) nor this call sets: OSAL_TASK_GONE if

@@ -6,13 +6,25 @@
  * Threads: everything may be called from any thread once the record is initialised, until it is
  * destroyed; thread_timed_mutex_list_add() and thread_timed_mutex_list_del() only by who holds the
  * record's `mutex`. The locking calls are cancellation points (pthreads(7)) where they wait, and so
- * is every call that writes a log line. A thread that is cancelled while it waits leaves `mutex`
- * unlocked, but its waiter node, its share in `wait_num` and the unit that it had reserved stay.
+ * is every call that writes a log line.
+ *
+ * A lock that is unlocked while others wait is handed over: to one of the waiters, which has it as
+ * soon as it wakes, also when its time is over just then. Nobody else can take it meanwhile, and a
+ * waiter that wakes without it goes on waiting.
+ *
+ * Do not cancel a thread that may be waiting: it leaves `mutex` unlocked, but its waiter node, its
+ * share in `wait_num` and the unit that it had reserved stay. From then on a semaphore or a mutex
+ * is never free again: it passes only to who waits at the moment of an unlock. What had been handed
+ * to the thread just before it was cancelled goes to another waiter; with none, a mutex is free for
+ * this once.
  *
  * Time-outs are in milliseconds. A wait is bounded by the wall clock, on which the condition
  * variable runs; semaphores measure it with the monotonic clock as well, so that a wall clock that
- * is set does not end it early: a wait above 1000 ms may end after 80 % of its time, a shorter one
- * never does.
+ * is set ahead does not end it early: a wait above 1000 ms may end after 80 % of its time, a
+ * shorter one never does. A wall clock that is set back makes every wait as much longer.
+ *
+ * A child of fork(2) finds its copies of locks as they were; one whose `mutex` another thread held
+ * at that moment cannot be used in it. An owner that was another thread has ended in the child.
  *
  * Results are THREAD_TIMED_ codes, 0, or where noted the number of a failed call.
  */
@@ -51,7 +63,10 @@ typedef struct THREAD_WAITER_NODE_ST {
     struct THREAD_WAITER_NODE_ST* next; /**< who waits behind it, or null */
 } THREAD_WAITER_NODE_ST;
 
-/** A lock. For inspection only, with `mutex` held. */
+/**
+ * A lock. For inspection only, with `mutex` held. The 3 bytes behind `name` are not free: they hold
+ * what was handed over and not yet taken. A record must not be copied.
+ */
 typedef struct THREAD_TIMED_MUTEX_ST {
     char name[5];                       /**< up to 4 characters, for the report of a dead lock */
     pthread_mutex_t mutex;              /**< guards all fields (types 0 to 2) */
@@ -117,11 +132,18 @@ DM_API uint32_t thread_timed_mutex_init(const char* name, THREAD_TIMED_MUTEX_ST*
  *
  * A semaphore takes a unit that is free when nobody waits, and otherwise queues: whoever unlocks
  * hands the unit to one waiter. A mutex is locked again by its owner at once, and then needs one
- * unlock more. For a mutex one wake-up decides: there is no second wait.
+ * unlock more.
+ *
+ * An owner is known by its thread's identifier, which the C library gives to another thread once
+ * that one has ended. Where a thread ends with a semaphore, a later one may so be told of a dead
+ * lock that there is not; one that ends with a mutex may leave it to a thread that then locks it as
+ * its owner, at once.
  * @param m          the lock.
  * @param timeout_ms in milliseconds; 0 waits for ever. A semaphore then reports a dead lock, in the
- * log and with THREAD_TIMED_FAILED, to the thread that locked it last. For a read-write lock there
- * is no time-out: anything but 0 takes a read lock, 0 the write lock.
+ *                   log and with THREAD_TIMED_FAILED, to the thread that locked it last when there
+ *                   was no unlock since: also to one that waits for events and asks for the second
+ *                   before it came. For a read-write lock there is no time-out: anything but 0
+ *                   takes a read lock, 0 the write lock.
  * @return 0, THREAD_TIMED_NULL, THREAD_TIMED_BAD_TYPE, THREAD_TIMED_TIMEOUT or THREAD_TIMED_FAILED.
  */
 DM_API uint32_t thread_timed_mutex_lock(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms);

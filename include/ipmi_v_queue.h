@@ -40,7 +40,7 @@ DM_BEGIN_DECLS
  *                its group id, in the machine's byte order, filled up with zeros. In a user
  *                namespace (user_namespaces(7)) that does not map these ids, the kernel refuses.
  * @param depth   most messages that the queue holds, not 0. The kernel keeps 8 * depth as the
- *                queue's limit in bytes, modulo 2^64, and refuses more than
+ *                queue's limit in bytes, modulo 2^32, and refuses more than
  *                /proc/sys/kernel/msgmnb to a process without CAP_SYS_RESOURCE: 2048 messages,
  *                where that is 16384.
  * @param out_qid receives the queue's identifier; left alone on failure.

@@ -4,7 +4,8 @@
  *
  * Threads: everything may be called from any thread. vos_sm_p() is a cancellation point
  * (pthreads(7)) where it waits, and so is every call that writes a log line. A thread that is
- * cancelled while it waits leaves the semaphore usable, see thread_timed_mutex_lock().
+ * cancelled while it waits leaves a semaphore that is never free again, see ipmi_sm_low.h: end it
+ * otherwise, or let it wait with a time-out and look for its end between.
  */
 #ifndef IPMI_V_SM_H
 #define IPMI_V_SM_H
@@ -18,7 +19,10 @@
 
 DM_BEGIN_DECLS
 
-/** The task layer's lock, see ipmi_v_task.h. It does not nest. */
+/**
+ * The task layer's lock, see ipmi_v_task.h. It does not nest. In a child of fork(2) it is unlocked,
+ * whoever held it.
+ */
 extern DM_API pthread_mutex_t g_task_splmutex;
 
 /** 0 after every vos_splx() that unlocked; nothing in the library sets it to anything else. */
@@ -73,9 +77,14 @@ DM_API uint32_t vos_sm_delete(THREAD_TIMED_MUTEX_ST* sm);
 
 /**
  * Takes a semaphore.
+ *
+ * Who takes it last and gives nothing counts as its holder. So where a thread waits for events that
+ * others give, its second wait for ever reports a dead lock, unless the next event was given
+ * before: let it wait with a time-out. The holder is known by its identifier, which may be another
+ * thread's once the holder has ended: that one is told of a dead lock as well.
  * @param sm         from vos_sm_bcreate().
  * @param timeout_ms in milliseconds; 0 waits for ever, and reports a dead lock when the caller
- * holds it already.
+ *                   holds it already.
  * @return 0, 1 for null, or a THREAD_TIMED_ code.
  */
 DM_API uint32_t vos_sm_p(THREAD_TIMED_MUTEX_ST* sm, uint32_t timeout_ms);

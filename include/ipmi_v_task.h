@@ -16,8 +16,17 @@
  * is every call that writes a log line. A thread that is cancelled in one of these calls holds no
  * lock afterwards and has left no half-made task.
  *
- * The fields of a block are written atomically, and may be read so at any time, by which a look at
- * the table needs no lock. A block that is looked at so may be released meanwhile.
+ * Signals: a handler may call vos_get_current_task_id(), vos_get_current_pid(),
+ * vos_get_sys_task_id(), vos_check_task_idvalid(), vos_task_is_dispatching() and get_stackframe(),
+ * whatever of this layer it has interrupted; not while its thread holds g_task_splmutex itself.
+ *
+ * fork(2): the child has the task that forked, if it was one, under its number; all others' numbers
+ * are free, and the count of live tasks is 1 or 0. It may create tasks of its own. Their process
+ * numbers go on from the parent's.
+ *
+ * The fields of a block are written atomically, a text byte by byte, and may be read so at any
+ * time, by which a look at the table needs no lock; only `reserved_tail` is not. A block that is
+ * looked at so may be released meanwhile, and a text be half of one and half of another.
  */
 #ifndef IPMI_V_TASK_H
 #define IPMI_V_TASK_H

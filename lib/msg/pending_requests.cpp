@@ -362,7 +362,8 @@ void PendingRequests::answer(DM_INTF_ST* intf, DM_MSG_ST* msg) {
     if (msg->req_id == 0)
         return;
     const PendingRef req = find(msg->req_id);
-    frame_came(msg->req_id);
+    if (__dm_has_name(intf, kSelfloopName))
+        frame_came(msg->req_id);
     if (req == nullptr)
         return;
     const Service service(*this, req.get(), Service::Cause::response);

@@ -2,8 +2,7 @@
 
 #include "base/log.h"
 #include "base/memory.h"
-#include "vos/ipmi_osal_private.h"
-#include "vos/live_threads.h"
+#include "vos/osal_start.h"
 
 #include <sched.h>
 #include <sys/prctl.h>
@@ -28,8 +27,7 @@ constexpr uint64_t kMaxPriority = 255;
 constexpr uint32_t kPreemptive = 1;
 constexpr int32_t kPrioritySpan =
     2550; // ten times the span of priorities, to divide with less loss
-
-thread_local constinit const char* start_name = nullptr;
+constexpr const char* kCreate = "osal_create_task";
 
 class AttrOwner {
 public:
@@ -73,11 +71,65 @@ int __make_attr(uint64_t priority, uint32_t flags, pthread_attr_t* attr, uint64_
     return code != 0 ? OSAL_TASK_BAD_PARAMETER : 0;
 }
 
+void __fill(dm::StartRecord& record, const dm::ThreadRequest& request) {
+    record.para = {request.entry, request.arg, request.name};
+    record.task = request.task;
+    if (request.task.number == 0)
+        return;
+    std::memcpy(record.name, request.name, strnlen(request.name, sizeof(record.name) - 1));
+    record.para.name = record.name;
+}
+
 } // namespace
 
-const char* __osal_take_start_name() {
-    return std::exchange(start_name, nullptr);
+namespace dm {
+
+int64_t create_thread(const ThreadRequest& request, uint64_t* out_tid_a, uint64_t* out_tid_b) {
+    pthread_attr_t attr{};
+    uint64_t ul_return_code = 0;
+    if (const int ret = __make_attr(request.priority, request.flags, &attr, ul_return_code);
+        ret != 0) {
+        DM_LOG_ERROR_IN(osal_log, kCreate,
+                        "para fail,ret = %d,ul_return_code = %d,ul_priority = %ld\n", ret,
+                        static_cast<int>(ul_return_code), static_cast<long>(request.priority));
+        return ret;
+    }
+    const AttrOwner attr_owner(&attr);
+    pthread_attr_setstacksize(&attr, request.stack_size);
+    auto record = allocate<StartRecord>();
+    if (!record) {
+        DM_LOG_ERROR_IN(osal_log, kCreate, "malloc fail\n");
+        return OSAL_TASK_NO_MEMORY;
+    }
+    if (zero(record.get()) != 0) {
+        DM_LOG_ERROR_IN(osal_log, kCreate, "memset_s fail\n");
+        return OSAL_TASK_NO_MEMORY;
+    }
+    __fill(*record, request);
+    Birth birth(*record);
+    pthread_t tid{};
+    if (pthread_create(&tid, &attr, test_task, record.get()) != 0) {
+        *out_tid_a = OSAL_NO_THREAD;
+        *out_tid_b = OSAL_NO_THREAD;
+        std::atomic_ref(g_creatthreadfailnum).fetch_add(1);
+        DM_LOG_ERROR_IN(osal_log, kCreate, "pthread_create fail, errno=%d:%s\n", errno,
+                        std::strerror(errno));
+        return OSAL_TASK_REFUSED;
+    }
+    static_cast<void>(record.release()); // the thread frees it
+    birth.created(tid);
+    std::atomic_ref(g_creatthreadoknum).fetch_add(1);
+    *out_tid_a = tid;
+    *out_tid_b = tid;
+    return 0;
 }
+
+TaskIdentity take_started_task() {
+    const StartRecord* const record = std::exchange(this_thread.start, nullptr);
+    return record != nullptr ? record->task : TaskIdentity{};
+}
+
+} // namespace dm
 
 uint64_t set_thread_attr_by_prio(uint64_t /*priority*/, pthread_attr_t* attr) {
     if (attr == nullptr) {
@@ -99,8 +151,7 @@ uint64_t set_thread_attr_by_prio_preempt(uint64_t priority, pthread_attr_t* attr
 
 void* test_task(void* record) {
     const dm::Owned<OSAL_TASK_PARA_ST> para(static_cast<OSAL_TASK_PARA_ST*>(record));
-    dm::ThreadBirth::begin(record);
-    start_name = para->name;
+    const dm::BegunThread begun(record);
     prctl(PR_SET_NAME, para->name);
     return std::bit_cast<void*>(para->entry(para->arg));
 }
@@ -108,40 +159,8 @@ void* test_task(void* record) {
 int64_t osal_create_task(const char* name, OSAL_TASK_ENTRY entry, uint64_t priority, uint32_t flags,
                          uint64_t stack_size, uint64_t arg, uint64_t* out_tid_a,
                          uint64_t* out_tid_b) {
-    pthread_attr_t attr{};
-    uint64_t ul_return_code = 0;
-    if (const int ret = __make_attr(priority, flags, &attr, ul_return_code); ret != 0) {
-        DM_LOG_ERROR(osal_log, "para fail,ret = %d,ul_return_code = %d,ul_priority = %ld\n", ret,
-                     static_cast<int>(ul_return_code), static_cast<long>(priority));
-        return ret;
-    }
-    const AttrOwner attr_owner(&attr);
-    pthread_attr_setstacksize(&attr, stack_size);
-    auto record = dm::allocate<OSAL_TASK_PARA_ST>();
-    dm::ThreadBirth birth(record.get());
-    if (!record || !birth.is_prepared()) {
-        DM_LOG_ERROR(osal_log, "malloc fail\n");
-        return OSAL_TASK_NO_MEMORY;
-    }
-    if (dm::zero(record.get()) != 0) {
-        DM_LOG_ERROR(osal_log, "memset_s fail\n");
-        return OSAL_TASK_NO_MEMORY;
-    }
-    *record = {entry, arg, name};
-    pthread_t tid{};
-    if (pthread_create(&tid, &attr, test_task, record.get()) != 0) {
-        *out_tid_a = OSAL_NO_THREAD;
-        *out_tid_b = OSAL_NO_THREAD;
-        std::atomic_ref(g_creatthreadfailnum).fetch_add(1);
-        DM_LOG_ERROR(osal_log, "pthread_create fail, errno=%d:%s\n", errno, std::strerror(errno));
-        return OSAL_TASK_REFUSED;
-    }
-    static_cast<void>(record.release()); // the thread frees it
-    birth.created(tid);
-    std::atomic_ref(g_creatthreadoknum).fetch_add(1);
-    *out_tid_a = tid;
-    *out_tid_b = tid;
-    return 0;
+    return dm::create_thread({name, entry, priority, flags, stack_size, arg, {}}, out_tid_a,
+                             out_tid_b);
 }
 
 // The error number of pthread_cancel() is not looked at: callers go by errno.
@@ -152,7 +171,8 @@ uint64_t osal_delete_task(uint64_t thread) {
 }
 
 uint64_t osal_get_self_id(void) {
-    dm::record_this_thread();
+    if (!dm::this_thread.is_told_apart) [[unlikely]]
+        dm::tell_this_thread_apart();
     return pthread_self();
 }
 

@@ -8,13 +8,43 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <limits>
 
 namespace {
 
 constinit dm::SubjectLog lock_log;
 
 constexpr std::size_t kNameChars = sizeof(THREAD_TIMED_MUTEX_ST::name) - 1;
+
+// What a lock keeps beside its fields is in the room behind its name, guarded by its mutex too.
+//
+// A unit that an unlock hands over is counted until somebody takes it. A wake-up alone says
+// nothing: it may be spurious, and it may reach nobody, when the waiter is just timing out. So who
+// wakes for whatever reason takes a unit that was handed over, and goes on waiting without one.
+//
+// The other counts the waiters that were cancelled, up to the most that it can hold. They stay in
+// `wait_num`, but no unit is handed to them.
+template<class Count, std::size_t Offset>
+struct HiddenCount {
+    static_assert(Offset >= sizeof(THREAD_TIMED_MUTEX_ST::name));
+    static_assert(Offset + sizeof(Count) <= offsetof(THREAD_TIMED_MUTEX_ST, mutex));
+    static constexpr Count kMost = std::numeric_limits<Count>::max();
+
+    static Count get(const THREAD_TIMED_MUTEX_ST* m) {
+        Count count = 0;
+        std::memcpy(&count, reinterpret_cast<const unsigned char*>(m) + Offset, sizeof(count));
+        return count;
+    }
+    static void set(THREAD_TIMED_MUTEX_ST* m, int32_t value) {
+        const auto count = static_cast<Count>(value);
+        std::memcpy(reinterpret_cast<unsigned char*>(m) + Offset, &count, sizeof(count));
+    }
+};
+using HandedOver = HiddenCount<uint16_t, 6>;
+using Cancelled = HiddenCount<uint8_t, 5>;
 
 // Holds a record's mutex for a scope, also when the thread is cancelled in it.
 class RecordLock {
@@ -41,25 +71,109 @@ void __take(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
     m->locked = 1;
 }
 
+// ---- handing over, with the mutex held ----
+
+int32_t __live_waiters(const THREAD_TIMED_MUTEX_ST* m) {
+    return m->wait_num - Cancelled::get(m);
+}
+
+// A mutex is handed over once, however often it is unlocked meanwhile.
+void __hand_over(THREAD_TIMED_MUTEX_ST* m) {
+    const int32_t handed = HandedOver::get(m);
+    const int32_t most = m->type == THREAD_TIMED_MUTEX ? 1 : HandedOver::kMost;
+    if (handed < std::min(__live_waiters(m), most))
+        HandedOver::set(m, handed + 1);
+}
+
+bool __take_handed_over(THREAD_TIMED_MUTEX_ST* m) {
+    const int32_t handed = HandedOver::get(m);
+    if (handed == 0)
+        return false;
+    HandedOver::set(m, handed - 1);
+    return true;
+}
+
+// Who comes while a unit is handed over queues, even when another unit is free: nobody would unlock
+// for him. So a waiter that has got its unit hands on what is free.
+void __hand_on_free_unit(THREAD_TIMED_MUTEX_ST* m) {
+    const int32_t unserved = __live_waiters(m) - HandedOver::get(m);
+    if (unserved <= 0 || m->count + unserved <= 0)
+        return;
+    __hand_over(m);
+    pthread_cond_signal(&m->cond);
+}
+
 // ---- waiting, with the mutex held; out of line, to keep the way to a free lock short ----
 
-void __begin_wait(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
+// A thread's place among the waiters. When it is cancelled there, its node and its share in
+// `wait_num` stay, but nothing that was handed over stays with it.
+class Waiter {
+public:
     // The list is for inspection: a thread that cannot be listed waits all the same.
-    thread_timed_mutex_list_add(m, self);
-    ++m->wait_num;
+    Waiter(THREAD_TIMED_MUTEX_ST* m, pthread_t self) : m_(m), self_(self) {
+        thread_timed_mutex_list_add(m, self);
+        ++m->wait_num;
+    }
+    Waiter(const Waiter&) = delete;
+    Waiter& operator=(const Waiter&) = delete;
+    ~Waiter() {
+        if (!has_left_)
+            cancelled();
+    }
+
+    void leave() {
+        thread_timed_mutex_list_del(m_, self_);
+        --m_->wait_num;
+        has_left_ = true;
+    }
+
+private:
+    // It may have used up a wake-up that was meant for another waiter, or be the last who could
+    // take what was handed over. A semaphore's unit is then the one that it had reserved, and is
+    // lost with it; a mutex has no such unit, and is free again.
+    void cancelled() {
+        Cancelled::set(m_, std::min(Cancelled::get(m_) + 1, int{Cancelled::kMost}));
+        const int32_t handed = HandedOver::get(m_);
+        const int32_t takers = std::max(__live_waiters(m_), 0);
+        if (handed <= takers) {
+            if (handed > 0)
+                pthread_cond_signal(&m_->cond);
+            return;
+        }
+        HandedOver::set(m_, takers);
+        if (m_->type == THREAD_TIMED_MUTEX && m_->count < m_->max_count)
+            ++m_->count;
+    }
+
+    THREAD_TIMED_MUTEX_ST* m_;
+    pthread_t self_;
+    bool has_left_ = false;
+};
+
+void __wait_for_ever(THREAD_TIMED_MUTEX_ST* m) {
+    do
+        pthread_cond_wait(&m->cond, &m->mutex);
+    while (!__take_handed_over(m));
 }
 
-// Not reached by a thread that is cancelled: its traces stay.
-void __end_wait(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
-    thread_timed_mutex_list_del(m, self);
-    --m->wait_num;
-}
-
-// Gives the result of pthread_cond_timedwait().
+// Waits until it has taken what was handed over, and gives 0 then, or until the time is over by the
+// wall clock, and gives the result of pthread_cond_timedwait().
 int __wait_for(THREAD_TIMED_MUTEX_ST* m, uint32_t ms) {
     timespec deadline{};
     get_abs_time(&deadline, ms);
-    return pthread_cond_timedwait(&m->cond, &m->mutex, &deadline);
+    for (;;) {
+        const int status = pthread_cond_timedwait(&m->cond, &m->mutex, &deadline);
+        if (__take_handed_over(m))
+            return 0;
+        if (status != 0)
+            return status;
+    }
+}
+
+uint32_t __code_of_wait(int status) {
+    if (status == 0)
+        return 0;
+    return status == ETIMEDOUT ? THREAD_TIMED_TIMEOUT : THREAD_TIMED_FAILED;
 }
 
 int64_t __monotonic_ms() {
@@ -68,49 +182,53 @@ int64_t __monotonic_ms() {
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
-uint32_t __wait_until_handed_over(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms) {
-    if (timeout_ms == 0) {
-        pthread_cond_wait(&m->cond, &m->mutex);
-        return 0;
-    }
+// The same, with an eye on the monotonic clock.
+int __wait_for_steadily(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms) {
     const int64_t start = __monotonic_ms();
     uint32_t remaining = timeout_ms;
+    int status = 0;
     do {
-        const int status = __wait_for(m, remaining);
-        if (status == 0)
-            return 0;
+        status = __wait_for(m, remaining);
         if (status != ETIMEDOUT)
-            return THREAD_TIMED_FAILED;
+            break;
         remaining = dm::remaining_ms(timeout_ms, __monotonic_ms() - start);
     } while (remaining != 0);
-    return THREAD_TIMED_TIMEOUT;
+    return status;
 }
 
 [[gnu::noinline]] uint32_t __wait_for_unit(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms,
                                            pthread_t self) {
     if (timeout_ms == 0 && __is_owned_by(m, self)) {
-        DM_LOG_ERROR(lock_log, "\r\nERROR: thread %u DEAD LOCK by %s.", static_cast<unsigned>(self),
-                     m->name);
+        DM_LOG_ERROR_IN(lock_log, "thead_timed_sem_bin_or_count_lock",
+                        "\r\nERROR: thread %u DEAD LOCK by %s.", static_cast<unsigned>(self),
+                        m->name);
         return THREAD_TIMED_FAILED;
     }
+    Waiter waiter(m, self);
     --m->count; // reserves a unit, and gives it back when it does not come
-    __begin_wait(m, self);
-    const uint32_t code = __wait_until_handed_over(m, timeout_ms);
-    if (code != 0)
+    int status = 0;
+    if (timeout_ms == 0)
+        __wait_for_ever(m);
+    else
+        status = __wait_for_steadily(m, timeout_ms);
+    waiter.leave();
+    if (status == 0)
+        __hand_on_free_unit(m);
+    else
         ++m->count;
-    __end_wait(m, self);
-    return code;
+    return __code_of_wait(status);
 }
 
 [[gnu::noinline]] uint32_t __wait_for_mutex(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms,
                                             pthread_t self) {
-    __begin_wait(m, self);
-    const int status =
-        timeout_ms != 0 ? __wait_for(m, timeout_ms) : pthread_cond_wait(&m->cond, &m->mutex);
-    __end_wait(m, self);
-    if (status == 0)
-        return 0;
-    return status == ETIMEDOUT ? THREAD_TIMED_TIMEOUT : THREAD_TIMED_FAILED;
+    Waiter waiter(m, self);
+    int status = 0;
+    if (timeout_ms == 0)
+        __wait_for_ever(m);
+    else
+        status = __wait_for(m, timeout_ms);
+    waiter.leave();
+    return __code_of_wait(status);
 }
 
 // ---- the types of lock: local functions, which the dispatch below calls without detours ----
@@ -151,6 +269,8 @@ uint32_t __unlock_semaphore(THREAD_TIMED_MUTEX_ST* m) {
         m->locked = 0;
         m->owner = 0;
         has_waiters = m->wait_num >= 1;
+        if (has_waiters)
+            __hand_over(m);
     }
     if (has_waiters)
         pthread_cond_signal(&m->cond);
@@ -170,9 +290,12 @@ uint32_t __unlock_mutex(THREAD_TIMED_MUTEX_ST* m, Thread self) {
         if (m->nest_num == 0) {
             m->locked = 0;
             m->owner = 0;
-            // A waiter gets the mutex with the unit that was taken: the count stays.
+            // A waiter gets the mutex with the unit that was taken: the count stays, and keeps a
+            // newcomer from it meanwhile.
             has_waiters = m->wait_num != 0;
-            if (!has_waiters && m->count < m->max_count)
+            if (has_waiters)
+                __hand_over(m);
+            else if (m->count < m->max_count)
                 ++m->count;
         } else if (pthread_equal(m->owner, self) != 0) {
             --m->nest_num;
@@ -250,6 +373,8 @@ uint32_t thread_timed_mutex_init(const char* name, THREAD_TIMED_MUTEX_ST* m, int
         DM_LOG_ERROR(lock_log, "strncpy_s error\n");
         return __code(status);
     }
+    HandedOver::set(m, 0);
+    Cancelled::set(m, 0);
     m->locked = 0;
     m->count = initial_count;
     m->max_count = type == THREAD_TIMED_COUNTING ? initial_count : 1;

@@ -21,6 +21,12 @@ constexpr std::size_t kMessageSize = sizeof(void*);
 constexpr std::size_t kTagSize = 8;
 constexpr int32_t kAttemptMs = 100;
 
+// The operations that log through their parts.
+constexpr const char* kCreate = "vos_private_queue_create";
+constexpr const char* kWrite = "vos_queue_asy_write";
+constexpr const char* kRead = "vos_queue_read";
+constexpr const char* kAsyRead = "vos_queue_asy_read";
+
 // A message as msgsnd() and msgrcv() take it. It owns its block, a heap copy of the payload, and so
 // releases it also where a thread is cancelled in a msgrcv() that has taken the message already.
 struct Message {
@@ -83,18 +89,18 @@ void __acquire(const void* block) {
 bool __tag_owner(msqid_ds& ds, const char* name) {
     char tag[kTagSize];
     if (memset_s(tag, sizeof(tag), 0, sizeof(tag)) != 0) {
-        DM_LOG_ERROR(queue_log, "memset_s error\n");
+        DM_LOG_ERROR_IN(queue_log, kCreate, "memset_s error\n");
         return false;
     }
     for (std::size_t i = 0; i < sizeof(tag) - 1 && name[i] != '\0'; ++i)
         tag[i] = name[i];
     ipc_perm& owner = ds.msg_perm;
     if (memcpy_s(&owner.uid, sizeof(owner.uid), tag, sizeof(owner.uid)) != 0) {
-        DM_LOG_ERROR(queue_log, "memcpy_s error\n");
+        DM_LOG_ERROR_IN(queue_log, kCreate, "memcpy_s error\n");
         return false;
     }
     if (memcpy_s(&owner.gid, sizeof(owner.gid), tag + sizeof(owner.uid), sizeof(owner.gid)) != 0) {
-        DM_LOG_ERROR(queue_log, "memcpy_s error\n");
+        DM_LOG_ERROR_IN(queue_log, kCreate, "memcpy_s error\n");
         return false;
     }
     return true;
@@ -109,13 +115,13 @@ uint32_t __fill(Message& message, const void* data, std::size_t len) {
         message.block = copy.bytes.release();
         return 0;
     case Step::allocate:
-        DM_LOG_ERROR(queue_log, "\r\ncan't alloc memory!\n");
+        DM_LOG_ERROR_IN(queue_log, kWrite, "\r\ncan't alloc memory!\n");
         break;
     case Step::zero:
-        DM_LOG_ERROR(queue_log, "memset_s fail: %d\n", copy.status);
+        DM_LOG_ERROR_IN(queue_log, kWrite, "memset_s fail: %d\n", copy.status);
         break;
     case Step::copy:
-        DM_LOG_ERROR(queue_log, "memcpy_s error\n");
+        DM_LOG_ERROR_IN(queue_log, kWrite, "memcpy_s error\n");
         break;
     }
     return VOS_QUEUE_FAILED;
@@ -156,9 +162,9 @@ bool __is_message(ssize_t received) {
     return received == static_cast<ssize_t>(kMessageSize);
 }
 
-uint32_t __deliver(const Message& message, void* buf, uint32_t len) {
+uint32_t __deliver(const char* operation, const Message& message, void* buf, uint32_t len) {
     if (memcpy_s(buf, len, message.block, len) != 0) {
-        DM_LOG_ERROR(queue_log, "memcpy_s error\n");
+        DM_LOG_ERROR_IN(queue_log, operation, "memcpy_s error\n");
         return VOS_QUEUE_REFUSED;
     }
     return len;
@@ -170,14 +176,14 @@ uint32_t __read_waiting(int qid, void* buf, uint32_t len) {
     do
         received = __receive(qid, message, 0);
     while (received == -1 && errno == EINTR);
-    return __is_message(received) ? __deliver(message, buf, len) : VOS_QUEUE_REFUSED;
+    return __is_message(received) ? __deliver(kRead, message, buf, len) : VOS_QUEUE_REFUSED;
 }
 
 uint32_t __read_polling(int qid, int32_t attempts, void* buf, uint32_t len) {
     Message message;
     for (; attempts > 0; --attempts) {
         if (__is_message(__receive(qid, message, IPC_NOWAIT)))
-            return __deliver(message, buf, len);
+            return __deliver(kRead, message, buf, len);
         usleep(kAttemptMs * 1000);
     }
     return VOS_QUEUE_TIMEOUT;
@@ -237,7 +243,8 @@ uint32_t vos_queue_asy_read(uint64_t qid, void* buf, uint32_t len) {
         return VOS_QUEUE_REFUSED;
     Message message;
     const ssize_t received = __receive(__id(qid), message, IPC_NOWAIT);
-    return __is_message(received) ? __deliver(message, buf, len) : static_cast<uint32_t>(received);
+    return __is_message(received) ? __deliver(kAsyRead, message, buf, len)
+                                  : static_cast<uint32_t>(received);
 }
 
 int vos_queue_delete(uint64_t qid) {
