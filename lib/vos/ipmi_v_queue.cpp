@@ -1,10 +1,10 @@
 #include "ipmi_v_queue.h"
 
 #include "base/atomic_field.h"
+#include "base/cancellation.h"
 #include "base/log.h"
 #include "base/memory.h"
 
-#include <pthread.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <unistd.h>
@@ -27,6 +27,17 @@ constexpr const char* kWrite = "vos_queue_asy_write";
 constexpr const char* kRead = "vos_queue_read";
 constexpr const char* kAsyRead = "vos_queue_asy_read";
 
+// The kernel carries a block from its writer to its reader, out of the language's sight: an atomic
+// store of its first byte by the one and a load by the other put the accesses in order.
+void __publish(void* block) {
+    auto& first = *static_cast<unsigned char*>(block);
+    dm::store(first, first);
+}
+
+void __acquire(const void* block) {
+    dm::load(*static_cast<const unsigned char*>(block));
+}
+
 // A message as msgsnd() and msgrcv() take it. It owns its block, a heap copy of the payload, and so
 // releases it also where a thread is cancelled in a msgrcv() that has taken the message already.
 struct Message {
@@ -36,7 +47,12 @@ struct Message {
     Message() = default;
     Message(const Message&) = delete;
     Message& operator=(const Message&) = delete;
-    ~Message() { std::free(block); }
+    ~Message() {
+        if (block == nullptr)
+            return;
+        __acquire(block);
+        std::free(block);
+    }
 };
 static_assert(sizeof(Message) == 2 * sizeof(void*));
 
@@ -58,31 +74,8 @@ private:
     int qid_;
 };
 
-// Holds off the cancellation of the calling thread for a scope.
-class CancellationOff {
-public:
-    CancellationOff() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state_); }
-    CancellationOff(const CancellationOff&) = delete;
-    CancellationOff& operator=(const CancellationOff&) = delete;
-    ~CancellationOff() { pthread_setcancelstate(state_, nullptr); }
-
-private:
-    int state_ = PTHREAD_CANCEL_ENABLE;
-};
-
 int __id(uint64_t qid) {
     return static_cast<int>(qid);
-}
-
-// The kernel carries a block from its writer to its reader, out of the language's sight: an atomic
-// store of its first byte by the one and a load by the other put the accesses in order.
-void __publish(void* block) {
-    auto& first = *static_cast<unsigned char*>(block);
-    dm::store(first, first);
-}
-
-void __acquire(const void* block) {
-    dm::load(*static_cast<const unsigned char*>(block));
 }
 
 // Makes the queue's owner out of the name's first bytes, by which a queue can be told from others.
@@ -138,7 +131,7 @@ int __send_round(int qid, const Message& message) {
 // The queue owns the block once msgsnd() has succeeded. A thread that is cancelled just then, on
 // the way back, would not know, and release a block that a reader will get.
 int __send(int qid, Message& message) {
-    const CancellationOff off;
+    const dm::CancellationOff off;
     __publish(message.block);
     int sent = __send_round(qid, message);
     if (sent == -1 && errno == EAGAIN)
