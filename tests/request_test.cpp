@@ -107,6 +107,7 @@ TEST_F(Request, TimeOutOutlivesAShortage) {
     };
     EXPECT_EQ(support::send(intf, "anybody?", &on_response_), 0);
     EXPECT_TRUE(response_.wait());
+    dm_intf_deregister(intf);
     support::on_write_file = nullptr;
 }
 
@@ -146,6 +147,8 @@ TEST_F(Request, TimeOutInThePipeIsForNoLaterRequest) {
         EXPECT_EQ(support::send(later, "later", &never), 0);
     }
     EXPECT_TRUE(over.wait(static_cast<int>(count)));
+    dm_intf_deregister(later);
+    dm_intf_deregister(intf);
 }
 
 // More time-outs at a time than the self-loop takes: each is reported, once and in their order,

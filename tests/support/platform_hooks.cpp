@@ -16,7 +16,6 @@
 #include <ctime>
 #include <memory>
 #include <mutex>
-#include <regex>
 #include <utility>
 
 extern "C" {
@@ -151,21 +150,24 @@ int logged(char level, std::string_view text, std::string_view operation) {
 std::vector<std::string> lines_of(char level) {
     std::vector<std::string> texts;
     for (const LogLine& line : log_lines()) {
-        const size_t begin = line.text.find(':') + 1;
-        const std::regex number(line.text.substr(begin, line.text.find(']') - begin) + "\\]");
-        if (line.level == level)
-            texts.push_back(std::regex_replace(line.text, number, "#]"));
+        if (line.level != level)
+            continue;
+        std::string text = line.text;
+        const size_t begin = text.find(':') + 1;
+        const std::string number = text.substr(begin, text.find(']') - begin + 1);
+        for (size_t at = 0; (at = text.find(number, at)) != std::string::npos; ++at)
+            text.replace(at, number.size(), "#]");
+        texts.push_back(text);
     }
     return texts;
 }
 
 std::set<std::string> operations() {
-    static const std::regex name("^\\[lib/msg/.*?\\] \\[([^ ]*) ");
     std::set<std::string> named;
-    std::smatch match;
     for (const LogLine& line : log_lines()) {
-        if (std::regex_search(line.text, match, name))
-            named.insert(match[1]);
+        const size_t name = line.text.find("] [") + 3;
+        if (line.text.starts_with("[lib/msg/"))
+            named.insert(line.text.substr(name, line.text.find(' ', name) - name));
     }
     return named;
 }
