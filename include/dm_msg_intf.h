@@ -319,8 +319,8 @@ DM_API int dm_intf_register(DM_CB_ST* dm_cb, DM_INTF_ST* intf);
  * end without a callback. When the call has returned, no receive, handler or time-out of that
  * interface runs or will run, so it waits for one that is running - except on the poll thread,
  * where it never waits. Its close slot has run by then, and no file is kept open for the sake of
- * its being watched. No thread may be sending on the interface meanwhile. Any thread; one that is
- * cancelled in it ends behind it.
+ * its being watched. No thread may be sending on the interface meanwhile. Any thread, but of two
+ * records of one name only one at a time; a thread that is cancelled in it ends behind it.
  * @param intf a registered interface; the record is dead afterwards. In a callback that the
  *             framework makes on the poll thread, its memory stays until that returns: a slot may
  *             remove its own interface, and a message that recv_msg gives all the same is handled.
@@ -366,7 +366,7 @@ DM_API int dm_cmd_deregister(DM_CB_ST* dm_cb);
  * the poll thread; or an error, and it is never called. The callback may be called before the call
  * has returned. It is not called when the interface is removed or the context destroyed before, nor
  * when the calling thread is cancelled in the call; one that runs already is awaited then, so it must
- * not wait for the end of that thread. An empty response to a time-out is lost in the self-loop (see
+ * neither wait for the end of that thread nor for a lock that it holds in the call. An empty response to a time-out is lost in the self-loop (see
  * DM_DATA_HANDLER).
  *
  * Unless the interface's retry_cnt is negative, the request times out. With a retry_cnt of N above

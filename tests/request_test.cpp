@@ -1,10 +1,12 @@
 // Requests: time-outs, re-sends and the matching of responses.
+#include "dm_loop.h"
 #include "dm_msg_intf.h"
 
 #include "support/framework.h"
 #include "support/platform_hooks.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -109,6 +111,33 @@ TEST_F(Request, TimeOutOutlivesAShortage) {
     EXPECT_TRUE(response_.wait());
     dm_intf_deregister(intf);
     support::on_write_file = nullptr;
+}
+
+// Without a self-loop, a time-out that goes nowhere comes again with the last re-send's own timer.
+TEST_F(Request, TimeOutWithoutASelfloopComesAgain) {
+    int timeouts = 0;
+    transport_.timeout = [&] {
+        if (++timeouts == 1)
+            dm_intf_deregister(context_.selfloop());
+        else
+            selfloop_init(nullptr, context_.get(), nullptr, nullptr, 0);
+    };
+    EXPECT_EQ(support::send(add(1, 10), "anybody?", &on_response_), 0);
+    EXPECT_TRUE(response_.wait());
+    EXPECT_EQ(timeouts, 2);
+}
+
+// An empty one is not read from the self-loop: nothing may wait for that.
+TEST_F(Request, EmptyTimeOutsLeaveNoMemoryBehind) {
+    DM_INTF_ST* intf = add(0, 0);
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < 1000; ++i)
+        EXPECT_EQ(support::send(intf, "", &on_response_), 0);
+    EXPECT_TRUE(context_.pass());
+    EXPECT_EQ(dm_intf_deregister(intf), 0);
+    EXPECT_TRUE(
+        support::eventually([&] { return list_is_empty(context_.get()->pending_list) == 1; }));
+    EXPECT_LT(mallinfo2().uordblks, before + size_t{600} * sizeof(SELF_MSG_ST));
 }
 
 // Real answers overtake time-outs that are in the self-loop's pipe already: those are for nobody,

@@ -4,6 +4,7 @@
 #include "base/cancellation.h"
 #include "base/log.h"
 #include "base/memory.h"
+#include "dm_loop.h"
 #include "list/dm_list_walk.h"
 #include "msg/dm_context.h"
 #include "msg/dm_msg_private.h"
@@ -24,6 +25,9 @@ constexpr const char* kAdd = "__dm_pending_req_add";
 constexpr const char* kTimeout = "__dm_timeout_handle";
 
 constexpr const char* kSelfloopName = "selfloop";
+
+// As many frames as a pipe takes (pipe(7)), of the shortest that are read, and one that is kept.
+constexpr std::size_t kMostInPipe = 65536 / (sizeof(SELF_MSG_ST) - DM_MAX_DATA_LEN + 1) + 1;
 
 uint64_t identity_of(const PENDING_REQ_ST* req) {
     return reinterpret_cast<uintptr_t>(req);
@@ -100,23 +104,32 @@ PendingRequests::Queue::~Queue() {
         pop();
 }
 
-bool PendingRequests::Queue::has(uint64_t req_id) const {
-    const PENDING_REQ_ST* req = first_;
-    while (req != nullptr && identity_of(req) != req_id)
-        req = req->next;
-    return req != nullptr;
-}
-
 void PendingRequests::Queue::push(PENDING_REQ_ST* req) {
     PENDING_REQ_ST*& end = first_ == nullptr ? first_ : last_->next;
     end = share(req).release();
     last_ = req;
+    ++size_;
 }
 
 PendingRef PendingRequests::Queue::pop() {
     PendingRef first(first_);
     first_ = std::exchange(first->next, nullptr);
+    --size_;
     return first;
+}
+
+void PendingRequests::Queue::take(uint64_t req_id, const DM_INTF_ST* keep) {
+    PENDING_REQ_ST* before = nullptr;
+    PENDING_REQ_ST* req = first_;
+    for (; req != nullptr && identity_of(req) != req_id; req = req->next)
+        before = req;
+    if (req == nullptr || req->intf == keep)
+        return;
+    const PendingRef taken(req);
+    (before != nullptr ? before->next : first_) = std::exchange(req->next, nullptr);
+    if (last_ == req)
+        last_ = before;
+    --size_;
 }
 
 // ---- sending ----
@@ -363,20 +376,12 @@ void PendingRequests::answer(DM_INTF_ST* intf, DM_MSG_ST* msg) {
         return;
     const PendingRef req = find(msg->req_id);
     if (__dm_has_name(intf, kSelfloopName))
-        frame_came(msg->req_id);
+        in_pipe_.take(msg->req_id, intf);
     if (req == nullptr)
         return;
     const Service service(*this, req.get(), Service::Cause::response);
     if (service.begun() && req->rsp_cb != nullptr)
         req->rsp_cb(intf, msg, req->user_data, static_cast<int32_t>(req->user_data_len));
-}
-
-// A frame may be lost on its way, but none overtakes another: those before it will not come.
-void PendingRequests::frame_came(uint64_t req_id) {
-    if (!in_pipe_.has(req_id))
-        return;
-    while (identity_of(in_pipe_.pop().get()) != req_id) {
-    }
 }
 
 int PendingRequests::on_timer(uint32_t period_ms, int32_t /*elapsed_ms*/, void* user_data,
@@ -418,7 +423,7 @@ void PendingRequests::report(PENDING_REQ_ST* req) {
     {
         const std::lock_guard lock(lock_);
         req->timed_out = true;
-        if (req->sending || std::exchange(req->reported, true))
+        if (req->sending || req->reported)
             return;
     }
     DM_DATA_ST response = req->data;
@@ -431,17 +436,18 @@ void PendingRequests::report(PENDING_REQ_ST* req) {
     const int ret = waiting_.first() == nullptr ? send_through_selfloop(req, &response) : EAGAIN;
     if (is_shortage(ret))
         keep_waiting(req, response);
-    else if (ret == 0)
-        in_pipe_.push(req);
+    else if (ret == 0 && response.data_len != 0) // an empty one is not read
+        went_into_pipe(req);
 }
 
-// Gives the result of the self-loop's send. Without a self-loop the request stays pending.
+// Gives the result of the self-loop's send; ENODEV without a self-loop, and the request stays
+// pending.
 int PendingRequests::send_through_selfloop(PENDING_REQ_ST* req, DM_DATA_ST* response) {
     if (__dm_has_name(req->intf, kSelfloopName))
         return send_via(req->intf, nullptr, req, response);
     ListWalk walk(dm_cb_->intf_list);
     DM_INTF_ST* selfloop = find_intf(walk, kSelfloopName);
-    return selfloop != nullptr ? send_via(selfloop, walk.node(), req, response) : 0;
+    return selfloop != nullptr ? send_via(selfloop, walk.node(), req, response) : ENODEV;
 }
 
 int PendingRequests::send_via(DM_INTF_ST* selfloop, const LIST_NODE_ST* node, PENDING_REQ_ST* req,
@@ -464,7 +470,7 @@ int PendingRequests::send_via(DM_INTF_ST* selfloop, const LIST_NODE_ST* node, PE
     // that there is one.
     const Via via(*this, selfloop);
     if (node != nullptr && is_removed(node))
-        return 0;
+        return ENODEV;
     const int ret = dm_send_rsp(selfloop, &req->addr, req->addr_len, response, identity_of(req));
     DM_LOG_INFO_IN(kTimeout, "finish call dm_send_rsp\n");
     return ret;
@@ -479,18 +485,29 @@ void PendingRequests::keep_waiting(PENDING_REQ_ST* req, const DM_DATA_ST& respon
         return;
     std::memmove(req->buf, response.data, response.data_len);
     req->data.data_len = response.data_len;
+    req->reported = true;
     waiting_.push(req);
+}
+
+// A frame may be lost on its way, with a receive that fails: what is more than the pipe takes has
+// gone. An answer on the self-loop to a request of its own need not be the time-out, so such a
+// request stays till then, too.
+void PendingRequests::went_into_pipe(PENDING_REQ_ST* req) {
+    req->reported = true;
+    in_pipe_.push(req);
+    if (in_pipe_.size() > kMostInPipe)
+        in_pipe_.pop();
 }
 
 bool PendingRequests::hand_over() {
     while (PENDING_REQ_ST* req = waiting_.first()) {
         const Service service(*this, req, Service::Cause::waiting_timeout);
         const int ret = service.begun() ? send_through_selfloop(req, &req->data) : EINVAL;
-        if (is_shortage(ret))
-            return true;
+        if (is_shortage(ret) || ret == ENODEV)
+            return ret != ENODEV; // a self-loop comes with a pass
         const PendingRef first = waiting_.pop();
         if (ret == 0)
-            in_pipe_.push(first.get());
+            went_into_pipe(first.get());
     }
     return false;
 }

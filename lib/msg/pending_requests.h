@@ -37,10 +37,11 @@ struct PENDING_REQ_ST {
     // Guarded by the lock of `requests`.
     bool sending;   // its sender is inside send_msg: how that ends is the request's outcome
     bool timed_out; // its time-out is reported, or will be once the send has succeeded
-    bool reported;  // its time-out goes through the self-loop, once
     bool answered;  // its callback runs or has run
     bool ended;     // answered, failed, or its interface is gone: nothing of it happens any more
 
+    // The poll thread's own.
+    bool reported;        // its time-out waits for room in the self-loop, or went there
     PENDING_REQ_ST* next; // of the time-outs that wait for room, then of those in the pipe
 };
 
@@ -102,7 +103,7 @@ private:
     int send_via(DM_INTF_ST* selfloop, const LIST_NODE_ST* node, PENDING_REQ_ST* req,
                  DM_DATA_ST* response);
     void keep_waiting(PENDING_REQ_ST* req, const DM_DATA_ST& response);
-    void frame_came(uint64_t req_id);
+    void went_into_pipe(PENDING_REQ_ST* req);
 
     // An answer that comes after its request has ended (late, or doubled on its way) must not be
     // taken for that of another request at the same address. So the memory of a request is not
@@ -125,13 +126,16 @@ private:
         ~Queue();
 
         PENDING_REQ_ST* first() const { return first_; }
-        bool has(uint64_t req_id) const;
+        std::size_t size() const { return size_; }
         void push(PENDING_REQ_ST* req);
         PendingRef pop();
+        // Takes the request with that identity out, unless `keep` is its interface.
+        void take(uint64_t req_id, const DM_INTF_ST* keep);
 
     private:
         PENDING_REQ_ST* first_ = nullptr;
         PENDING_REQ_ST* last_ = nullptr;
+        std::size_t size_ = 0;
     };
 
     DM_CB_ST* dm_cb_;

@@ -289,8 +289,8 @@ private:
 
     Poller* poller_;
     const HandleShare share_;
-    uint32_t failures_ = 0;    // of poll(), one after another
-    bool looks_again_ = false; // the owner wants the next pass soon
+    uint32_t failures_ = 0;   // of poll(), one after another
+    bool looks_again_ = true; // the owner wants the next pass soon, as far as is known
 };
 
 void* __do_poll(void* arg) {

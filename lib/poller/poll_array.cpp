@@ -53,7 +53,7 @@ void PollArray::load() {
 // A descriptor that is about to be closed must not be polled any more, for that keeps its file.
 void PollArray::blank_rest(pollfd* rest) {
     const pollfd* loaded = fds_.get();
-    for (pollfd* slot = rest; slot != loaded + count_; ++slot) {
+    for (pollfd* slot = rest; slot != loaded + size_; ++slot) {
         const auto is_same = [slot](const pollfd& other) { return other.fd == slot->fd; };
         if (std::none_of(loaded, static_cast<const pollfd*>(rest), is_same))
             slot->fd = -1;
