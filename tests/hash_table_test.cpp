@@ -113,7 +113,6 @@ TEST_F(HashTable, CountsIn16Bits) {
 // Runs a step whose n-th such call fails. An empty text means that nothing is logged.
 template<class Step>
 void with_fault(Call call, int nth, std::string_view text, Step step) {
-    support::skip_log_interval();
     support::clear_log();
     const support::Fault fault(call, nth);
     step();

@@ -30,11 +30,7 @@ std::string frame(const std::string& text, int announced = -1) {
 
 class Hdc : public testing::Test {
 protected:
-    void SetUp() override {
-        run = 1;
-        support::skip_log_interval();
-        support::clear_log();
-    }
+    void SetUp() override { run = 1; }
     void TearDown() override {
         context_.reset();
         support::on_write_file = nullptr;
@@ -126,7 +122,6 @@ TEST_F(Hdc, ClientGivesUpStepByStep) {
     EXPECT_EQ(hal.count("connect"), 41U);
     EXPECT_EQ(hal.count("sleep"), 40U);
     hal.code = {{"recv", 16}};
-    support::skip_log_interval();
     support::clear_log();
     EXPECT_EQ(send(peer_), 16);
     EXPECT_EQ(hal.count("recv"), 5U);

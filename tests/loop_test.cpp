@@ -19,19 +19,13 @@ using support::MsgFunction;
 
 class Loop : public testing::Test {
 protected:
-    void SetUp() override {
-        support::skip_log_interval();
-        support::clear_log();
-        intf_ = context_.selfloop();
-    }
-
     int receive(const SELF_MSG_ST& frame, size_t size, int16_t events = POLLIN) {
         return support::receive(intf_, {reinterpret_cast<const char*>(&frame), size}, &msg_,
                                 events);
     }
 
     Context context_;
-    DM_INTF_ST* intf_ = nullptr;
+    DM_INTF_ST* intf_ = context_.selfloop();
     DM_ADDR_ST addr_{};
     char buffer_[DM_MAX_DATA_LEN]{};
     DM_MSG_ST msg_{0, 0, 0, 0, &addr_, sizeof(addr_), 0, {DM_MAX_DATA_LEN, buffer_}};

@@ -70,12 +70,9 @@ protected:
 // The line, in the operation's name.
 template<class Step>
 void expect_error_line(std::string_view operation, std::string_view text, Step step) {
-    support::skip_log_interval();
     support::clear_log();
     step();
-    EXPECT_EQ(support::logged('E', text), 1) << text;
-    const std::string line = support::log_lines().at(0).text;
-    EXPECT_NE(line.find("[" + std::string(operation) + " "), std::string::npos) << line;
+    EXPECT_EQ(support::logged('E', text, operation), 1) << text;
 }
 
 TEST_F(Queue, HoldsDepthMessagesAndCarriesItsName) {

@@ -35,8 +35,6 @@ uint16_t port_of(int fd) {
 class Udp : public testing::Test {
 protected:
     void SetUp() override {
-        support::skip_log_interval();
-        support::clear_log();
         ASSERT_EQ(dm_udp_init(&intf_, context_.get(), nullptr, &addr_, nullptr, 0), 0);
         port_ = port_of(intf_->fd);
     }

@@ -5,11 +5,11 @@
 #include "platform_log.h"
 
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 #include <sys/time.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -103,11 +103,8 @@ void capture(char level, const char* format, va_list args) {
 
 std::atomic<int64_t> clock_offset_ms;
 
-void move_wall_clock(int64_t ms) {
-    clock_offset_ms += ms;
-}
 void skip_log_interval() {
-    move_wall_clock(4000);
+    clock_offset_ms -= 4000;
 }
 
 Fault::Fault(Call call, int nth) : call_(call) {
@@ -135,9 +132,18 @@ std::vector<LogLine> log_lines() {
 }
 
 void clear_log() {
+    skip_log_interval();
     const std::lock_guard lock(log_lock);
     lines.clear();
 }
+
+namespace {
+struct ClearLog : testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo& /*info*/) override { clear_log(); }
+};
+[[maybe_unused]] const int added =
+    (testing::UnitTest::GetInstance()->listeners().Append(new ClearLog), 0);
+} // namespace
 
 int logged(char level, std::string_view text, std::string_view operation) {
     const auto all = log_lines();
