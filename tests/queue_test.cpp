@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <sys/msg.h>
 #include <unistd.h>
 
@@ -184,8 +183,6 @@ TEST_F(Queue, CancelledThreadsLeakNothing) {
 }
 
 } // namespace
-
-#define REAL(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
 
 extern "C" {
 

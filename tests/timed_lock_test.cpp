@@ -7,8 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
-
 #include <chrono>
 #include <climits>
 #include <functional>
@@ -305,8 +303,6 @@ TEST(TimedLock, UnitsAreKeptUnderContention) {
 }
 
 } // namespace
-
-#define REAL(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
 
 extern "C" {
 

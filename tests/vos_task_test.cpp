@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -464,8 +463,6 @@ TEST(ThreadTable, ForgetsWhoEndedFirst) {
 }
 
 } // namespace
-
-#define REAL(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
 
 extern "C" int pthread_cancel(pthread_t thread) {
     if (before_cancel)

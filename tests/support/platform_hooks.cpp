@@ -4,7 +4,6 @@
 #include "platform_bounds.h"
 #include "platform_log.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
@@ -77,11 +76,6 @@ __attribute__((always_inline)) NOT_INSTRUMENTED inline bool fails(Call call) {
         return false;
     armed->fired = true;
     return true;
-}
-
-template<class Function>
-Function* next(const char* name, Function*) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 std::mutex log_lock;
@@ -193,7 +187,7 @@ NOT_INSTRUMENTED void* malloc(size_t size) {
 
 #define DEFINE_BOUNDED(name, Dest, Arg)                                                     \
     int name(Dest dest, size_t size, Arg arg, size_t count) {                               \
-        static auto* const real = support::next(#name, &name);                              \
+        static auto* const real = REAL(name);                                               \
         return fails(Call::name) ? support::kInjectedStatus : real(dest, size, arg, count); \
     }
 DEFINE_BOUNDED(memset_s, void*, int)
@@ -201,8 +195,13 @@ DEFINE_BOUNDED(memcpy_s, void*, const void*)
 DEFINE_BOUNDED(memmove_s, void*, const void*)
 DEFINE_BOUNDED(strncpy_s, char*, const char*)
 
+int strcpy_s(char* dest, size_t size, const char* src) {
+    static auto* const real = REAL(strcpy_s);
+    return fails(Call::strcpy_s) ? support::kInjectedStatus : real(dest, size, src);
+}
+
 int mmCreateTask(MM_THREAD* thread, const MM_USER_BLOCK_ST* block) {
-    static auto* const real = support::next("mmCreateTask", &mmCreateTask);
+    static auto* const real = REAL(mmCreateTask);
     if (fails(Call::create_task))
         return EAGAIN;
     return support::hold(block) ? 0 : real(thread, block);
@@ -210,21 +209,20 @@ int mmCreateTask(MM_THREAD* thread, const MM_USER_BLOCK_ST* block) {
 
 int mmCreateTaskWithThreadAttr(MM_THREAD* thread, const MM_USER_BLOCK_ST* block,
                                const MM_THREAD_ATTR_ST* attr) {
-    static auto* const real =
-        support::next("mmCreateTaskWithThreadAttr", &mmCreateTaskWithThreadAttr);
+    static auto* const real = REAL(mmCreateTaskWithThreadAttr);
     if (fails(Call::create_task_with_attr))
         return EPERM;
     return support::hold(block) ? 0 : real(thread, block, attr);
 }
 
 int64_t mmWriteFile(int fd, const void* buffer, uint32_t size) {
-    static auto* const real = support::next("mmWriteFile", &mmWriteFile);
+    static auto* const real = REAL(mmWriteFile);
     return support::on_write_file ? support::on_write_file(fd, buffer, size)
                                   : real(fd, buffer, size);
 }
 
 int mmCloseFile(int fd) {
-    static auto* const real = support::next("mmCloseFile", &mmCloseFile);
+    static auto* const real = REAL(mmCloseFile);
     if (support::on_close_file)
         support::on_close_file(fd);
     return real(fd);

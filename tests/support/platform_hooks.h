@@ -2,6 +2,7 @@
 // calls fail. Everything else goes on to the platform.
 #pragma once
 
+#include <dlfcn.h>
 #include <pthread.h>
 
 #include <atomic>
@@ -20,6 +21,7 @@ enum class Call {
     memcpy_s,
     memmove_s,
     strncpy_s,
+    strcpy_s,
     create_task_with_attr,
     create_task,
     count
@@ -76,3 +78,6 @@ std::vector<std::string> lines_of(char level);
 std::set<std::string> operations();
 
 } // namespace support
+
+// The function that a test program's own of that name stands in front of.
+#define REAL(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
