@@ -49,9 +49,8 @@ TEST_F(Udp, FrameHasItsFields) {
     const int peer = socket(AF_INET, SOCK_DGRAM, 0);
     EXPECT_EQ(bind(peer, reinterpret_cast<sockaddr*>(addr_.sa), sizeof(sockaddr_in)), 0);
     DM_ADDR_ST to = udp_addr(port_of(peer), 77);
-    EXPECT_EQ(intf_->retry_cnt, 2);
-    EXPECT_EQ(intf_->timeout_ms, 30000U);
-    EXPECT_EQ(intf_->max_data_len, 512U);
+    EXPECT_EQ(std::tuple(intf_->retry_cnt, intf_->timeout_ms, intf_->max_data_len),
+              std::tuple(2, 30000, 512));
     EXPECT_EQ(intf_->fd, intf_->wfd);
     EXPECT_NE(fcntl(intf_->fd, F_GETFL) & O_NONBLOCK, 0);
     ASSERT_EQ(support::send(intf_, "hello", nullptr, to), 0);
@@ -78,10 +77,8 @@ TEST_F(Udp, AnswersRequestsAndDropsMalformedDatagrams) {
     ASSERT_EQ(dm_udp_init(&client, other.get(), nullptr, &addr_, "client", 7), 0);
     std::vector<uint16_t> lengths;
     MsgFunction handler = [&](DM_INTF_ST* intf, DM_MSG_ST* msg) {
-        EXPECT_EQ(msg->addr_len, 28U);
-        EXPECT_EQ(msg->src_id, 5U);
-        EXPECT_EQ(msg->src_type, 1);
-        EXPECT_EQ(msg->src_index, 1U);
+        EXPECT_EQ(std::tuple(msg->src_id, msg->src_type, msg->src_index, msg->addr_len),
+                  std::tuple(5, 1, 1, 28));
         lengths.push_back(msg->data.data_len);
         if (msg->data.data_len == 6)
             support::answer(intf, msg, support::text_of(msg) + " too");

@@ -160,24 +160,18 @@ TEST_F(VosTask, ABlockDescribesItsTask) {
 
 TEST_F(VosTask, AFailedCreationLeavesNothing) {
     const auto refused = [](uint32_t code) { return Created{code, VOS_TASK_NONE}; };
-    struct {
-        int malloc_fails, memset_fails;
-        uint64_t stack_size;
-        const char* line;
-    } const cases[] = {{1, 0, 0, "] malloc fail\n"},
-                       {0, 1, 0, "] memset_s fail\n"},
-                       {0, 0, uint64_t{1} << 48, "] pthread_create fail, errno="}};
     const uint64_t all = m_task_dyn_info[1];
     const uint64_t failed = g_creatthreadfailnum;
-    for (const auto& wanted : cases) {
+    for (const auto& [call, stack_size, text] :
+         {std::tuple{Call::malloc, uint64_t{0}, "] malloc fail\n"},
+          {Call::memset_s, 0, "] memset_s fail\n"},
+          {Call::strcpy_s, uint64_t{1} << 48, "] pthread_create fail, errno="}}) {
         support::skip_log_interval();
-        const Fault no_memory(Call::malloc, wanted.malloc_fails);
-        const Fault not_zeroed(Call::memset_s, wanted.memset_fails);
-        EXPECT_EQ(create(end_at_once, {}, "task", 0, wanted.stack_size),
-                  refused(VOS_TASK_NO_THREAD));
+        const Fault fault(call, 1);
+        EXPECT_EQ(create(end_at_once, {}, "task", 0, stack_size), refused(VOS_TASK_NO_THREAD));
         const std::string line = support::log_lines().back().text;
         EXPECT_NE(line.find("[osal_create_task "), std::string::npos) << line;
-        EXPECT_NE(line.find(wanted.line), std::string::npos) << line;
+        EXPECT_NE(line.find(text), std::string::npos) << line;
     }
     EXPECT_EQ(g_creatthreadfailnum, failed + 1);
     EXPECT_EQ(osal_create_task("one", osal_end, 256, 0, 0, 0, nullptr, nullptr), 5);
@@ -427,9 +421,7 @@ TEST(OsalTask, TheFateOfAnEndedThreadIsToldByErrno) {
     for (int i = 0; i < support::rounds(1000); ++i)
         osal_delete_task(create_thread());
     EXPECT_TRUE(only_these_threads(0));
-}
-
-TEST(OsalTask, AThreadOfOtherMeansCanBeDeleted) {
+    // A thread of other means can be deleted, too.
     create_thread(0, 0); // whose identifier the C library will use again
     ASSERT_TRUE(only_these_threads(0));
     Event began;

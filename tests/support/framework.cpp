@@ -15,8 +15,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kLimit = 30s;
-
 int call(DM_INTF_ST* intf, DM_MSG_ST* msg, void* user_data, int32_t /*len*/) {
     (**static_cast<MsgFunction**>(user_data))(intf, msg);
     return 0;
@@ -31,27 +29,6 @@ Transport* timed_transport = nullptr;
 
 } // namespace
 
-void Event::set() {
-    const std::lock_guard lock(lock_);
-    ++count_;
-    changed_.notify_all();
-}
-
-void Event::reset() {
-    const std::lock_guard lock(lock_);
-    count_ = 0;
-}
-
-bool Event::wait(int times) {
-    std::unique_lock lock(lock_);
-    return changed_.wait_for(lock, kLimit, [&] { return count_ >= times; });
-}
-
-int Event::count() {
-    const std::lock_guard lock(lock_);
-    return count_;
-}
-
 bool eventually(const std::function<bool()>& condition) {
     const auto end = std::chrono::steady_clock::now() + kLimit;
     while (!condition()) {
@@ -65,10 +42,6 @@ bool eventually(const std::function<bool()>& condition) {
 Context::Context() {
     if (dm_init(&dm_cb_) != 0)
         throw std::runtime_error("dm_init");
-}
-
-Context::~Context() {
-    dm_destroy(dm_cb_);
 }
 
 // A timer may still fire in the pass that looked at the descriptors before; the next one may not.
