@@ -120,6 +120,8 @@ TEST(TimedLock, ABinarySemaphoreReportsADeadLock) {
     const auto self = std::to_string(static_cast<unsigned>(pthread_self()));
     EXPECT_EQ(support::logged('E', "] \r\nERROR: thread " + self + " DEAD LOCK by sens."), 1);
     EXPECT_EQ(sem.count(), 0);
+    std::thread([&] { EXPECT_EQ(sem.unlock(), 0U); }).join(); // anybody may
+    EXPECT_EQ(sem.count(), 1);
     EXPECT_EQ(sem.waiters(), Tids());
 }
 

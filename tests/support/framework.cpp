@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -12,8 +11,6 @@
 namespace support {
 
 namespace {
-
-using namespace std::chrono_literals;
 
 int call(DM_INTF_ST* intf, DM_MSG_ST* msg, void* user_data, int32_t /*len*/) {
     (**static_cast<MsgFunction**>(user_data))(intf, msg);
@@ -34,7 +31,7 @@ bool eventually(const std::function<bool()>& condition) {
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end)
             return false;
-        std::this_thread::sleep_for(1ms);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
 }
