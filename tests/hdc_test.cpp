@@ -30,11 +30,7 @@ std::string frame(const std::string& text, int announced = -1) {
 
 class Hdc : public testing::Test {
 protected:
-    void SetUp() override {
-        run = 1;
-        support::skip_log_interval();
-        support::clear_log();
-    }
+    void SetUp() override { run = 1; }
     void TearDown() override {
         context_.reset();
         support::on_write_file = nullptr;
@@ -56,8 +52,7 @@ protected:
     void exchange(const std::vector<std::string>& messages, const std::vector<std::string>& good,
                   bool hold = false) {
         std::vector<std::string> seen;
-        Event event;
-        Event delivered;
+        Event event, delivered;
         MsgFunction handler = [&](DM_INTF_ST*, DM_MSG_ST* msg) {
             seen.push_back(support::text_of(msg));
             event.set();
@@ -126,7 +121,6 @@ TEST_F(Hdc, ClientGivesUpStepByStep) {
     EXPECT_EQ(hal.count("connect"), 41U);
     EXPECT_EQ(hal.count("sleep"), 40U);
     hal.code = {{"recv", 16}};
-    support::skip_log_interval();
     support::clear_log();
     EXPECT_EQ(send(peer_), 16);
     EXPECT_EQ(hal.count("recv"), 5U);
@@ -171,8 +165,7 @@ TEST_F(Hdc, MessageTellsWhereItCameFrom) {
         EXPECT_EQ(receive(frame("x")), 0);
         const DM_HDC_ADDR_ST src{99, 3, 0, role == 0 ? 1U : 0U, 22, 21, 1, ~0ULL, 0, 0};
         EXPECT_EQ(std::memcmp(&addr, &src, sizeof(src)), 0);
-        EXPECT_EQ(msg.addr_len, 40U);
-        EXPECT_EQ(msg.src_id, 10 + role);
+        EXPECT_EQ(std::pair(msg.addr_len, msg.src_id), std::pair(40U, 10 + role));
         EXPECT_EQ(msg.src_index, role == 1 ? 1001U : 9U) << "a client leaves it";
     }
     for (const auto& [run_env, type] : {std::pair(2, 2), {3, 0}, {4, 2}, {5, -1}, {1, 1}}) {

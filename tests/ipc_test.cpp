@@ -32,11 +32,9 @@ TEST_F(Ipc, EveryMessageIsANumberedRequest) {
     ASSERT_EQ(intf_->recv_msg(intf_, intf_->fd, POLLIN, &msg), 0);
     EXPECT_EQ(support::text_of(&msg), "hello");
     EXPECT_EQ(hal.length, 32);
+    EXPECT_EQ(std::tuple(msg.src_id, msg.src_type, msg.src_index, msg.addr_len),
+              std::tuple(1, 0, 255, 12));
     EXPECT_EQ(msg.type, DM_MSG_REQ);
-    EXPECT_EQ(msg.src_id, 1U);
-    EXPECT_EQ(msg.src_type, 0);
-    EXPECT_EQ(msg.src_index, 255U);
-    EXPECT_EQ(msg.addr_len, 12U);
     EXPECT_EQ(addr.kind, 102U);
     EXPECT_EQ(addr.peer_id, 1U);
     const uint64_t first = msg.req_id;

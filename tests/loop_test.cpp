@@ -19,19 +19,13 @@ using support::MsgFunction;
 
 class Loop : public testing::Test {
 protected:
-    void SetUp() override {
-        support::skip_log_interval();
-        support::clear_log();
-        intf_ = context_.selfloop();
-    }
-
     int receive(const SELF_MSG_ST& frame, size_t size, int16_t events = POLLIN) {
         return support::receive(intf_, {reinterpret_cast<const char*>(&frame), size}, &msg_,
                                 events);
     }
 
     Context context_;
-    DM_INTF_ST* intf_ = nullptr;
+    DM_INTF_ST* intf_ = context_.selfloop();
     DM_ADDR_ST addr_{};
     char buffer_[DM_MAX_DATA_LEN]{};
     DM_MSG_ST msg_{0, 0, 0, 0, &addr_, sizeof(addr_), 0, {DM_MAX_DATA_LEN, buffer_}};
@@ -97,10 +91,8 @@ TEST_F(Loop, ChecksItsArguments) {
 // Several threads fill the pipe while the poll thread is held up. Large frames are taken in part:
 // every message that was accepted arrives whole and once.
 TEST_F(Loop, FullPipeCutsNoFrame) {
-    constexpr int kThreads = 4;
-    constexpr int kMessages = 1000;
-    std::map<std::string, int> arrived;
-    std::map<std::string, int> sent;
+    constexpr int kThreads = 4, kMessages = 1000;
+    std::map<std::string, int> arrived, sent;
     Event received;
     // The handler and the senders take turns: it is held whenever the pipe is not full.
     std::atomic<int> refused = 0;
@@ -112,25 +104,23 @@ TEST_F(Loop, FullPipeCutsNoFrame) {
         received.set();
     };
     context_.on_request(handler);
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int t = 0; t < kThreads; ++t) {
         const std::string text(DM_MAX_DATA_LEN, static_cast<char>('a' + t));
         sent[text] = kMessages;
         threads.emplace_back([&, text] {
             DM_ADDR_ST addr{};
             DM_DATA_ST data{DM_MAX_DATA_LEN, const_cast<char*>(text.data())};
-            const auto taken = [&] {
-                const int status = intf_->send_msg(intf_, DM_MSG_REQ, &addr, 40, &data, 1);
-                refused += status == EAGAIN ? 1 : 0;
-                return status == 0;
-            };
             for (int i = 0; i < kMessages; ++i)
-                EXPECT_TRUE(support::eventually(taken));
+                EXPECT_TRUE(support::eventually([&] {
+                    const int status = intf_->send_msg(intf_, DM_MSG_REQ, &addr, 40, &data, 1);
+                    refused += status == EAGAIN ? 1 : 0;
+                    return status == 0;
+                }));
             --running;
         });
     }
-    for (auto& thread : threads)
-        thread.join();
+    threads.clear();
     EXPECT_TRUE(received.wait(kThreads * kMessages));
     EXPECT_GT(refused, 0) << "the pipe was never full";
     EXPECT_EQ(arrived, sent);
@@ -160,13 +150,7 @@ TEST_F(Loop, PartTakenGoesOutAheadOfTheNextFrame) {
     intf_->set_retry(intf_, -1, 0);
     taken = 30;
     // A sender that is cancelled in the write leaves a whole frame, too.
-    pthread_t sender;
-    const auto send_first = [](void* intf) -> void* {
-        support::send(static_cast<DM_INTF_ST*>(intf), "first");
-        return nullptr;
-    };
-    ASSERT_EQ(pthread_create(&sender, nullptr, send_first, intf_), 0);
-    pthread_join(sender, nullptr);
+    std::thread([&] { support::send(intf_, "first"); }).join();
     EXPECT_EQ(support::send(intf_, "second"), 0);
     EXPECT_TRUE(event.wait(2));
     // No other frame pushes the data: the reader itself has to.

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <sys/msg.h>
 #include <unistd.h>
 
@@ -70,12 +69,9 @@ protected:
 // The line, in the operation's name.
 template<class Step>
 void expect_error_line(std::string_view operation, std::string_view text, Step step) {
-    support::skip_log_interval();
     support::clear_log();
     step();
-    EXPECT_EQ(support::logged('E', text), 1) << text;
-    const std::string line = support::log_lines().at(0).text;
-    EXPECT_NE(line.find("[" + std::string(operation) + " "), std::string::npos) << line;
+    EXPECT_EQ(support::logged('E', text, operation), 1) << text;
 }
 
 TEST_F(Queue, HoldsDepthMessagesAndCarriesItsName) {
@@ -187,8 +183,6 @@ TEST_F(Queue, CancelledThreadsLeakNothing) {
 }
 
 } // namespace
-
-#define REAL(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
 
 extern "C" {
 

@@ -9,8 +9,8 @@
 #include <sys/ioctl.h>
 
 #include <cstdarg>
-#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 namespace {
 
@@ -31,9 +31,7 @@ TEST(Smbus, OpensWhatTheLinkLeadsTo) {
     const int fd = smbus_save_open();
     EXPECT_EQ(fcntl(fd, F_GETFL) & ~O_LARGEFILE & ~0100000, O_RDWR | O_NONBLOCK);
     EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
-    char path[10]{};
-    EXPECT_EQ(readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, 9), 9);
-    EXPECT_STREQ(path, "/dev/null");
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)), "/dev/null");
     close(fd);
 }
 
@@ -46,8 +44,7 @@ TEST(Smbus, WritesBlocksOfUpTo32Bytes) {
     EXPECT_TRUE(bus.requests.empty());
     EXPECT_EQ(smbus_msg_send(1, bytes, 32), 0);
     EXPECT_EQ(bus.requests, (Requests{I2C_SLAVE_FORCE, I2C_SMBUS}));
-    EXPECT_EQ(bus.request.command, 0x20);
-    EXPECT_EQ(bus.request.size, 5U);
+    EXPECT_EQ(std::tuple(bus.request.command, bus.request.size), std::tuple(0x20, 5));
     EXPECT_EQ(std::string(bus.written.block, bus.written.block + 34),
               '\x20' + std::string(32, 'x') + '\0');
     bus.failing = I2C_SLAVE_FORCE;
@@ -80,11 +77,8 @@ TEST(Smbus, ReadsWhatTheDeviceAnnounces) {
     bus.requests.clear();
     EXPECT_EQ(smbus_msg_recv(1, bytes, &length), 0);
     EXPECT_EQ(bus.requests, (Requests{I2C_SMBUS, I2C_RDWR})) << "it sets no slave address";
-    EXPECT_EQ(bus.request.command, 0x21);
-    EXPECT_EQ(bus.request.size, 2U);
-    EXPECT_EQ(bus.read.addr, 100);
-    EXPECT_EQ(bus.read.flags, 1);
-    EXPECT_EQ(bus.read.len, 33);
+    EXPECT_EQ(std::tuple(bus.request.command, bus.request.size), std::tuple(0x21, 2));
+    EXPECT_EQ(std::tuple(bus.read.addr, bus.read.flags, bus.read.len), std::tuple(100, 1, 33));
     EXPECT_EQ(length, 32U);
     EXPECT_EQ(std::string(bytes, bytes + 33), std::string(32, 'y') + 'x');
     bus.failing = I2C_RDWR;

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -107,8 +106,6 @@ void look(uint64_t arg, uint64_t arg1, uint64_t arg2, uint64_t arg3) {
 class VosTask : public testing::Test {
 protected:
     void SetUp() override {
-        support::skip_log_interval();
-        support::clear_log();
         ASSERT_EQ(task_task_info_init(), 0U);
         ASSERT_TRUE(only_these_threads(0));
     }
@@ -163,24 +160,18 @@ TEST_F(VosTask, ABlockDescribesItsTask) {
 
 TEST_F(VosTask, AFailedCreationLeavesNothing) {
     const auto refused = [](uint32_t code) { return Created{code, VOS_TASK_NONE}; };
-    struct {
-        int malloc_fails, memset_fails;
-        uint64_t stack_size;
-        const char* line;
-    } const cases[] = {{1, 0, 0, "] malloc fail\n"},
-                       {0, 1, 0, "] memset_s fail\n"},
-                       {0, 0, uint64_t{1} << 48, "] pthread_create fail, errno="}};
     const uint64_t all = m_task_dyn_info[1];
     const uint64_t failed = g_creatthreadfailnum;
-    for (const auto& wanted : cases) {
+    for (const auto& [call, stack_size, text] :
+         {std::tuple{Call::malloc, uint64_t{0}, "] malloc fail\n"},
+          {Call::memset_s, 0, "] memset_s fail\n"},
+          {Call::strcpy_s, uint64_t{1} << 48, "] pthread_create fail, errno="}}) {
         support::skip_log_interval();
-        const Fault no_memory(Call::malloc, wanted.malloc_fails);
-        const Fault not_zeroed(Call::memset_s, wanted.memset_fails);
-        EXPECT_EQ(create(end_at_once, {}, "task", 0, wanted.stack_size),
-                  refused(VOS_TASK_NO_THREAD));
+        const Fault fault(call, 1);
+        EXPECT_EQ(create(end_at_once, {}, "task", 0, stack_size), refused(VOS_TASK_NO_THREAD));
         const std::string line = support::log_lines().back().text;
         EXPECT_NE(line.find("[osal_create_task "), std::string::npos) << line;
-        EXPECT_NE(line.find(wanted.line), std::string::npos) << line;
+        EXPECT_NE(line.find(text), std::string::npos) << line;
     }
     EXPECT_EQ(g_creatthreadfailnum, failed + 1);
     EXPECT_EQ(osal_create_task("one", osal_end, 256, 0, 0, 0, nullptr, nullptr), 5);
@@ -193,11 +184,18 @@ TEST_F(VosTask, AFailedCreationLeavesNothing) {
     EXPECT_EQ(m_task_dyn_info[1], all);
 }
 
-TEST_F(VosTask, AllNumbersCanBeInUse) {
+TEST_F(VosTask, AllNumbersCanBeInUseAndWaitUntilTheyAreDispatched) {
+    Event began;
+    std::atomic_ref(dispatching).store(0);
     for (uint32_t i = 1; i <= VOS_TASK_MAX; ++i)
-        ASSERT_EQ(create(sleep_for_ever), (Created{0, i}));
+        ASSERT_EQ(create(sleep_for_ever, {as_arg(&began)}), (Created{0, i}));
     EXPECT_EQ(create(end_at_once), (Created{VOS_TASK_NO_BLOCK, VOS_TASK_NONE}));
-    for (uint32_t i = 1; i <= VOS_TASK_MAX; ++i)
+    EXPECT_EQ(vos_delete_task(1), 0U);
+    EXPECT_TRUE(only_these_threads(VOS_TASK_MAX - 1));
+    EXPECT_EQ(began.count(), 0);
+    EXPECT_EQ(task_task_info_init(), 0U);
+    EXPECT_TRUE(began.wait(VOS_TASK_MAX - 1));
+    for (uint32_t i = 2; i <= VOS_TASK_MAX; ++i)
         EXPECT_EQ(vos_delete_task(i), 0U);
 }
 
@@ -245,19 +243,6 @@ TEST_F(VosTask, NoTaskIsTakenForAnother) {
     EXPECT_EQ(m_task_dyn_info[1], all + 1 + 2 * rounds);
     EXPECT_EQ(m_task_dyn_info[0], 1U);
     EXPECT_EQ(vos_delete_task(1), 0U);
-}
-
-TEST_F(VosTask, TasksWaitUntilTheyAreDispatched) {
-    Event began;
-    std::atomic_ref(dispatching).store(0);
-    for (uint32_t task_no = 1; task_no <= 2; ++task_no)
-        ASSERT_EQ(create(sleep_for_ever, {as_arg(&began)}), (Created{0, task_no}));
-    EXPECT_EQ(vos_delete_task(1), 0U);
-    EXPECT_TRUE(only_these_threads(1));
-    EXPECT_EQ(began.count(), 0);
-    EXPECT_EQ(task_task_info_init(), 0U);
-    EXPECT_TRUE(began.wait());
-    EXPECT_EQ(vos_delete_task(2), 0U);
 }
 
 // As a library's constructor does it in the dynamic linker, whose lock a cancellation may need.
@@ -383,11 +368,12 @@ TEST_F(VosTask, AThreadWithoutATaskEnds) {
 }
 
 TEST_F(VosTask, ABlockThatCannotBeClearedIsNotUsedAgain) {
-    ASSERT_EQ(create(sleep_for_ever), (Created{0, 1}));
+    Event began; // before it has, it has something to log itself
+    ASSERT_EQ(create(sleep_for_ever, {as_arg(&began)}), (Created{0, 1}));
+    ASSERT_TRUE(began.wait());
     const Fault not_cleared(Call::memset_s, 1);
     EXPECT_EQ(vos_delete_task(1), 0U);
-    const std::string line = support::log_lines().back().text;
-    EXPECT_NE(line.find("[free_task_cb "), std::string::npos) << line;
+    EXPECT_EQ(support::logged('E', "", "free_task_cb"), 1);
     EXPECT_EQ(search_free_tcb(), 2U);
     free_task_cb(1);
 }
@@ -436,9 +422,7 @@ TEST(OsalTask, TheFateOfAnEndedThreadIsToldByErrno) {
     for (int i = 0; i < support::rounds(1000); ++i)
         osal_delete_task(create_thread());
     EXPECT_TRUE(only_these_threads(0));
-}
-
-TEST(OsalTask, AThreadOfOtherMeansCanBeDeleted) {
+    // A thread of other means can be deleted, too.
     create_thread(0, 0); // whose identifier the C library will use again
     ASSERT_TRUE(only_these_threads(0));
     Event began;
@@ -472,8 +456,6 @@ TEST(ThreadTable, ForgetsWhoEndedFirst) {
 }
 
 } // namespace
-
-#define REAL(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
 
 extern "C" int pthread_cancel(pthread_t thread) {
     if (before_cancel)

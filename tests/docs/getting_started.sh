@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Follows docs/getting-started.md outside the tree: saves the files that it names, and runs its
 # commands as they stand, with another port. The installation itself is left out ("console").
-# Usage: getting_started.sh PAGE BUILD_TREE   against a build tree, with packages made up for it
+# Usage: getting_started.sh PAGE BUILD_TREE   against what a build tree installs
 #        getting_started.sh PAGE PREFIX       against what is installed there
 set -euo pipefail
 page=$(realpath "$1")
@@ -17,40 +17,13 @@ finish() {
 }
 trap finish EXIT
 
-# What a build tree lacks of an installation.
-make_packages() {
-    local include
-    include=$(sed -n 's/^CMAKE_HOME_DIRECTORY:INTERNAL=//p' "$prefix/CMakeCache.txt")/include
-    mkdir "$scratch/packages"
-    cat >"$scratch/packages/velmar_sastox.pc" <<PC
-Name: velmar_sastox
-Description: the build tree
-Version: 0
-Cflags: -I$include
-Libs: -L$prefix/lib -lvelmar_sastox
-PC
-    cat >"$scratch/packages/velmar_sastoxConfig.cmake" <<CONFIG
-add_library(velmar_sastox::velmar_sastox SHARED IMPORTED)
-set_target_properties(velmar_sastox::velmar_sastox PROPERTIES
-  IMPORTED_LOCATION "$prefix/lib/libvelmar_sastox.so"
-  INTERFACE_INCLUDE_DIRECTORIES "$include")
-CONFIG
-    export PKG_CONFIG_PATH=$scratch/packages velmar_sastox_DIR=$scratch/packages
-    export LD_LIBRARY_PATH=$prefix/lib
-}
-
-use_prefix() {
-    local config libraries
-    config=$(find "$prefix" -name velmar_sastox.pc -print -quit)
-    libraries=$(dirname "$(find "$prefix" -name 'libvelmar_sastox.so*' -print -quit)")
-    export PKG_CONFIG_PATH=${config%/*} CMAKE_PREFIX_PATH=$prefix LD_LIBRARY_PATH=$libraries
-}
-
 if [ -f "$prefix/CMakeCache.txt" ]; then
-    make_packages
-else
-    use_prefix
+    cmake --install "$prefix" --prefix "$scratch/installed" >/dev/null
+    prefix=$scratch/installed
 fi
+config=$(find "$prefix" -name velmar_sastox.pc -print -quit)
+libraries=$(dirname "$(find "$prefix" -name 'libvelmar_sastox.so*' -print -quit)")
+export PKG_CONFIG_PATH=${config%/*} CMAKE_PREFIX_PATH=$prefix LD_LIBRARY_PATH=$libraries
 export PATH=$prefix/bin:$PATH
 
 # A port that the system gave away just now, in place of the page's.

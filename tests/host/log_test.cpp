@@ -29,9 +29,7 @@ using Lines = std::vector<std::string>;
 /** @return "level text", or "level thread text" of any but the main thread. */
 std::string without_origin(const std::string& line) {
     std::array<char, 16> level = {};
-    int process = 0;
-    int thread = 0;
-    int text = 0;
+    int process = 0, thread = 0, text = 0;
     std::sscanf(line.c_str(), "%*4d-%*2d-%*2dT%*2d:%*2d:%*2d.%*3d+05:30 %15s %d %d%n", level.data(),
                 &process, &thread, &text);
     return level.data() + (thread == process ? "" : " " + std::to_string(thread)) +

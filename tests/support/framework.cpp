@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -12,10 +11,6 @@
 namespace support {
 
 namespace {
-
-using namespace std::chrono_literals;
-
-constexpr auto kLimit = 30s;
 
 int call(DM_INTF_ST* intf, DM_MSG_ST* msg, void* user_data, int32_t /*len*/) {
     (**static_cast<MsgFunction**>(user_data))(intf, msg);
@@ -31,33 +26,12 @@ Transport* timed_transport = nullptr;
 
 } // namespace
 
-void Event::set() {
-    const std::lock_guard lock(lock_);
-    ++count_;
-    changed_.notify_all();
-}
-
-void Event::reset() {
-    const std::lock_guard lock(lock_);
-    count_ = 0;
-}
-
-bool Event::wait(int times) {
-    std::unique_lock lock(lock_);
-    return changed_.wait_for(lock, kLimit, [&] { return count_ >= times; });
-}
-
-int Event::count() {
-    const std::lock_guard lock(lock_);
-    return count_;
-}
-
 bool eventually(const std::function<bool()>& condition) {
     const auto end = std::chrono::steady_clock::now() + kLimit;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end)
             return false;
-        std::this_thread::sleep_for(1ms);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
 }
@@ -65,10 +39,6 @@ bool eventually(const std::function<bool()>& condition) {
 Context::Context() {
     if (dm_init(&dm_cb_) != 0)
         throw std::runtime_error("dm_init");
-}
-
-Context::~Context() {
-    dm_destroy(dm_cb_);
 }
 
 // A timer may still fire in the pass that looked at the descriptors before; the next one may not.

@@ -6,6 +6,7 @@
 #include <poll.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -17,13 +18,28 @@
 
 namespace support {
 
-// Counts what happened; waits until it happened often enough. Waiting ends after 30 s, with false.
+constexpr std::chrono::seconds kLimit(30); // of every wait
+
+// Counts what happened; waits until it happened often enough. Ends after kLimit, with false.
 class Event {
 public:
-    void set();
-    void reset();
-    bool wait(int times = 1);
-    int count();
+    void set() {
+        const std::lock_guard lock(lock_);
+        ++count_;
+        changed_.notify_all();
+    }
+    void reset() {
+        const std::lock_guard lock(lock_);
+        count_ = 0;
+    }
+    bool wait(int times = 1) {
+        std::unique_lock lock(lock_);
+        return changed_.wait_for(lock, kLimit, [&] { return count_ >= times; });
+    }
+    int count() {
+        const std::lock_guard lock(lock_);
+        return count_;
+    }
 
 private:
     std::mutex lock_;
@@ -31,7 +47,7 @@ private:
     int count_ = 0;
 };
 
-// Waits, by looking again, for something that nobody announces. Ends after 30 s, with false.
+// Waits, by looking again, for something that nobody announces. Ends after kLimit, with false.
 bool eventually(const std::function<bool()>& condition);
 
 using MsgFunction = std::function<void(DM_INTF_ST*, DM_MSG_ST*)>;
@@ -42,7 +58,7 @@ public:
     Context();
     Context(const Context&) = delete;
     Context& operator=(const Context&) = delete;
-    ~Context();
+    ~Context() { dm_destroy(dm_cb_); }
 
     DM_CB_ST* get() const { return dm_cb_; }
     DM_CB_ST* release() { return std::exchange(dm_cb_, nullptr); }

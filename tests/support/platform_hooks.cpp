@@ -4,12 +4,11 @@
 #include "platform_bounds.h"
 #include "platform_log.h"
 
-#include <dlfcn.h>
+#include <gtest/gtest.h>
 #include <sys/time.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -78,11 +77,6 @@ __attribute__((always_inline)) NOT_INSTRUMENTED inline bool fails(Call call) {
     return true;
 }
 
-template<class Function>
-Function* next(const char* name, Function*) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 std::mutex log_lock;
 std::vector<LogLine> lines;
 
@@ -102,11 +96,8 @@ void capture(char level, const char* format, va_list args) {
 
 std::atomic<int64_t> clock_offset_ms;
 
-void move_wall_clock(int64_t ms) {
-    clock_offset_ms += ms;
-}
 void skip_log_interval() {
-    move_wall_clock(4000);
+    clock_offset_ms -= 4000;
 }
 
 Fault::Fault(Call call, int nth) : call_(call) {
@@ -134,9 +125,18 @@ std::vector<LogLine> log_lines() {
 }
 
 void clear_log() {
+    skip_log_interval();
     const std::lock_guard lock(log_lock);
     lines.clear();
 }
+
+namespace {
+struct ClearLog : testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo& /*info*/) override { clear_log(); }
+};
+[[maybe_unused]] const int added =
+    (testing::UnitTest::GetInstance()->listeners().Append(new ClearLog), 0);
+} // namespace
 
 int logged(char level, std::string_view text, std::string_view operation) {
     const auto all = log_lines();
@@ -189,7 +189,7 @@ NOT_INSTRUMENTED void* malloc(size_t size) {
 
 #define DEFINE_BOUNDED(name, Dest, Arg)                                                     \
     int name(Dest dest, size_t size, Arg arg, size_t count) {                               \
-        static auto* const real = support::next(#name, &name);                              \
+        static auto* const real = REAL(name);                                               \
         return fails(Call::name) ? support::kInjectedStatus : real(dest, size, arg, count); \
     }
 DEFINE_BOUNDED(memset_s, void*, int)
@@ -197,8 +197,13 @@ DEFINE_BOUNDED(memcpy_s, void*, const void*)
 DEFINE_BOUNDED(memmove_s, void*, const void*)
 DEFINE_BOUNDED(strncpy_s, char*, const char*)
 
+int strcpy_s(char* dest, size_t size, const char* src) {
+    static auto* const real = REAL(strcpy_s);
+    return fails(Call::strcpy_s) ? support::kInjectedStatus : real(dest, size, src);
+}
+
 int mmCreateTask(MM_THREAD* thread, const MM_USER_BLOCK_ST* block) {
-    static auto* const real = support::next("mmCreateTask", &mmCreateTask);
+    static auto* const real = REAL(mmCreateTask);
     if (fails(Call::create_task))
         return EAGAIN;
     return support::hold(block) ? 0 : real(thread, block);
@@ -206,21 +211,20 @@ int mmCreateTask(MM_THREAD* thread, const MM_USER_BLOCK_ST* block) {
 
 int mmCreateTaskWithThreadAttr(MM_THREAD* thread, const MM_USER_BLOCK_ST* block,
                                const MM_THREAD_ATTR_ST* attr) {
-    static auto* const real =
-        support::next("mmCreateTaskWithThreadAttr", &mmCreateTaskWithThreadAttr);
+    static auto* const real = REAL(mmCreateTaskWithThreadAttr);
     if (fails(Call::create_task_with_attr))
         return EPERM;
     return support::hold(block) ? 0 : real(thread, block, attr);
 }
 
 int64_t mmWriteFile(int fd, const void* buffer, uint32_t size) {
-    static auto* const real = support::next("mmWriteFile", &mmWriteFile);
+    static auto* const real = REAL(mmWriteFile);
     return support::on_write_file ? support::on_write_file(fd, buffer, size)
                                   : real(fd, buffer, size);
 }
 
 int mmCloseFile(int fd) {
-    static auto* const real = support::next("mmCloseFile", &mmCloseFile);
+    static auto* const real = REAL(mmCloseFile);
     if (support::on_close_file)
         support::on_close_file(fd);
     return real(fd);

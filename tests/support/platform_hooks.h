@@ -2,8 +2,10 @@
 // calls fail. Everything else goes on to the platform.
 #pragma once
 
+#include <dlfcn.h>
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <set>
@@ -19,6 +21,7 @@ enum class Call {
     memcpy_s,
     memmove_s,
     strncpy_s,
+    strcpy_s,
     create_task_with_attr,
     create_task,
     count
@@ -52,9 +55,11 @@ std::function<pthread_t()> hold_next_task();
 extern std::function<int64_t(int fd, const void* buffer, uint32_t size)> on_write_file;
 extern std::function<void(int fd)> on_close_file;
 
-// Lets the wall clock jump ahead, so that each source file may write its next error line.
+// By how much the wall clock that the library reads is ahead of the system's.
+extern std::atomic<int64_t> clock_offset_ms;
+// Sets it back, so that each subject may write its next error line. (Ahead, waits would last
+// longer.)
 void skip_log_interval();
-void move_wall_clock(int64_t ms);
 
 // The captured log. All lines are enabled.
 struct LogLine {
@@ -63,6 +68,7 @@ struct LogLine {
 };
 
 std::vector<LogLine> log_lines();
+// Skips the interval, too. Each test begins so.
 void clear_log();
 // How many captured lines of that level end in the text and name that operation.
 int logged(char level, std::string_view text, std::string_view operation = "");
@@ -72,3 +78,6 @@ std::vector<std::string> lines_of(char level);
 std::set<std::string> operations();
 
 } // namespace support
+
+// The function that a test program's own of that name stands in front of.
+#define REAL(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))

@@ -1,13 +1,19 @@
 """Records what dmcat and dmond exchange on loopback, and compares it with what tshark shows."""
 import atexit
 import json
+import os
 import struct
 import subprocess
 import sys
 import time
 from socket import SOCK_DGRAM, setdefaulttimeout, socket
+from tempfile import TemporaryDirectory
 
-CAPTURE, TSHARK, DISSECTOR, DMOND, DMCAT = sys.argv[1:]
+TSHARK, DISSECTOR, DMOND, DMCAT = sys.argv[1:]
+OWN = TemporaryDirectory()
+CAPTURE = f"{OWN.name}/capture.pcap"
+# A user's own settings of tshark stay out of the test.
+os.environ.update(HOME=OWN.name, XDG_CONFIG_HOME=OWN.name)
 WORDS, MESSAGE = "HHHHHIIQ16s", "III"  # numbers in the sender's byte order
 NAMES = "src_port dst_port reserved1 marker data_len type peer_id req_id reserved2 data".split()
 FIELDS = ["dm_udp." + name for name in NAMES] + (
