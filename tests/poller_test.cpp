@@ -41,8 +41,6 @@ std::atomic<int> polls_of_one = 0;
 class PollerTest : public testing::Test {
 protected:
     void SetUp() override {
-        support::skip_log_interval();
-        support::clear_log();
         ASSERT_EQ(poller_create(&poller_), 0);
         ASSERT_EQ(pipe(pipe_.data()), 0);
     }

@@ -26,8 +26,6 @@ using support::Transport;
 class Request : public testing::Test {
 protected:
     void SetUp() override {
-        support::skip_log_interval();
-        support::clear_log();
         transport_.send = [this](DM_INTF_ST*, uint32_t, uint64_t req_id) {
             req_id_ = req_id;
             ++sent_;
