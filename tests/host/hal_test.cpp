@@ -57,6 +57,18 @@ void await_the_others() {
                 ;
 }
 
+/** Lets a step have only so many more descriptors. */
+void with_descriptors(rlim_t spare, const std::function<void()>& step) {
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const int lowest = dup(STDIN_FILENO);
+    close(lowest);
+    const rlimit few = {static_cast<rlim_t>(lowest) + spare, limit.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    step();
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 struct Hal : testing::Test {
     Hal() {
         mkdtemp(root.data());
@@ -139,6 +151,14 @@ TEST_F(Hal, ADeviceIdHasOneLiveServer) {
     EXPECT_EQ(drvHdcServerCreate(device, 0, &far), HAL_ERR_SERVER_EXISTS) << "no file holds it";
     EXPECT_EQ(drvHdcServerDestroy(server), 0);
 
+    ASSERT_EQ(mkdir((directory + "/unfinished-7").c_str(), 0700), 0);
+    std::ofstream(directory + "/unfinished-7/hdc-7") << "what a killed server left";
+    for (rlim_t spare = 1; spare < 6; ++spare) {
+        with_descriptors(spare, [&] { drvHdcServerCreate(device + 1, 0, &far); });
+        drvHdcServerDestroy(far);
+        EXPECT_TRUE(serve() == 0 && drvHdcServerDestroy(server) == 0) << spare;
+    }
+    EXPECT_TRUE(fs::is_empty(directory));
     ASSERT_TRUE(open());
     auto accepting = std::async(background, drvHdcSessionAccept, server, &server);
     await_the_others();
