@@ -171,10 +171,11 @@ TEST_F(Hal, SessionsThatGetNoAnswerLeaveRoomForOthers) {
     rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlimit few = {320, limit.rlim_max};
-    ASSERT_TRUE(setrlimit(RLIMIT_NOFILE, &few) == 0 && open());
+    const auto talk = [&] { return passes(near, far, "read") && send(near, "never read") == 0; };
+    ASSERT_TRUE(setrlimit(RLIMIT_NOFILE, &few) == 0 && open() && talk());
     const HDC_SESSION unanswered = far;
     std::vector<HDC_SESSION> ends = {near};
-    while (ends.size() < 80 && connect() == 0 && accept() == 0)
+    while (ends.size() < 80 && connect() == 0 && accept() == 0 && talk())
         ends.push_back(near);
     auto accepting = std::async(background, drvHdcSessionAccept, server, &far);
     EXPECT_EQ(connect(), 0);

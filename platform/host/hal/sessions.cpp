@@ -36,13 +36,14 @@ Bounds __bounds() {
     return {std::min(kMostOfUser, all / kShareOfUser), all / kShareOfAll};
 }
 
-// A peer that only has no more to send still waits for its answer. What a gone one has sent is
-// read by whoever is about to.
+// A peer that only has no more to send still waits for its answer. The first message of a gone one
+// is read by whoever is about to; what else it has sent may never be.
 bool __is_gone(const hal::Session& session) {
     pollfd state = {session.socket.get(), 0, 0};
+    if (poll(&state, 1, 0) != 1 || (state.revents & POLLHUP) == 0)
+        return false;
     int unread = 0;
-    return poll(&state, 1, 0) == 1 && (state.revents & POLLHUP) != 0 &&
-           ioctl(session.socket.get(), SIOCINQ, &unread) == 0 && unread == 0;
+    return session.has_given || (ioctl(session.socket.get(), SIOCINQ, &unread) == 0 && unread == 0);
 }
 
 } // namespace

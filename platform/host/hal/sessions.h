@@ -44,6 +44,7 @@ struct Session {
     const Clock::time_point opened = Clock::now();
     Descriptor socket;
     uid_t peer_uid = 0;
+    std::atomic<bool> has_given = false; // a message was received from it
 };
 
 // The sessions by their handles. A call shares the session while it works on it: closing the handle
@@ -76,8 +77,8 @@ public:
     // Closes a handle. @return 0 or HAL_ERR_BAD_HANDLE; no session if the table had closed it.
     int32_t take(uint64_t handle, std::shared_ptr<Session>& session);
 
-    // Closes the accepted sessions whose peer has gone and that hold nothing to read. Needs no
-    // memory. @return how many descriptors it gave back.
+    // Closes the accepted sessions whose peer has gone, but for those that hold a first message
+    // that is still to be read. Needs no memory. @return how many descriptors it gave back.
     size_t release_gone();
 
 private:
