@@ -20,8 +20,8 @@
 
 namespace {
 
-// Clients that may wait to be accepted: as many as one client of the library has sessions.
-constexpr int kBacklog = 64;
+// Clients that may wait to be accepted: as many as one user may have sessions.
+constexpr int kBacklog = 256;
 
 // What accept4(2) lacks is free again some time later.
 constexpr timespec kPause = {0, 100'000'000};
