@@ -31,8 +31,9 @@ constexpr mode_t kModeOwn = 0600;
 constexpr mode_t kModeAll = 0666;
 
 // The device id is held by a lock on a byte of the directory itself, the one at its number: it goes
-// with the process, and no file can be removed from under it. A directory cannot be opened for
-// writing, so it is a lock for reading, which is looked for and set while DirectoryLock is held.
+// with the process, and with the children that it forked and that have started no program, and no
+// file can be removed from under it. A directory cannot be opened for writing, so it is a lock for
+// reading, which is looked for and set while DirectoryLock is held.
 struct Server {
     ~Server() { release_id(); }
 
