@@ -57,12 +57,21 @@ void await_the_others() {
                 ;
 }
 
+/** Sets how many descriptors the process may have, and gives how many it might. */
+rlim_t limit_descriptors(rlim_t most) {
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    std::swap(limit.rlim_cur, most);
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    return most;
+}
+
 struct Hal : testing::Test {
     Hal() {
         mkdtemp(root.data());
         directory = root + '/' + std::string(150, 'd'); // more than fits an address
         setenv("DM_HAL_DIR", directory.c_str(), 1);
-        EXPECT_EQ(drvHdcClientCreate(&client, 90, 0, 0), 0);
+        EXPECT_EQ(drvHdcClientCreate(&client, 300, 0, 0), 0);
     }
     ~Hal() override {
         drvHdcSessionClose(near);
@@ -97,6 +106,39 @@ struct Hal : testing::Test {
     HDC_SESSION near = 0, far = 0;
 };
 
+TEST(HalFirst, CallsThatTakeNoMemoryNeedNone) {
+    int32_t value = 0;
+    const auto calls = [&] {
+        drvHdcServerDestroy(1), drvHdcClientDestroy(1);
+        drvHdcSessionClose(1), drvHdcSetSessionReference(1);
+        halHdcGetSessionAttr(1, HAL_HDC_ATTR_UID, &value);
+    };
+    EXPECT_EQ(support::fail_each(support::Call::malloc, calls), 0);
+}
+
+TEST_F(Hal, AFewUsersLeaveRoomForOthers) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can be another user";
+    setenv("DM_HAL_ALLOW_UIDS", "0,65533,65534", 1);
+    ASSERT_TRUE(serve() == 0 && chmod(root.c_str(), 0711) == 0);
+    ASSERT_EQ(chmod(directory.c_str(), 0711), 0);
+    const pid_t others = fork();
+    if (others == 0) {
+        for (uid_t i = 0; i < 100; ++i)
+            if (seteuid(0) != 0 || seteuid(65533 + i / 50) != 0 || connect() != 0)
+                _exit(1);
+        alarm(10);
+        pause();
+    }
+    const rlim_t before = limit_descriptors(200); // a quarter for a user, half for all
+    for (int i = 0; i < 100; ++i)
+        ASSERT_EQ(accept(), 0);
+    EXPECT_TRUE(connect() == 0 && accept() == 0 && passes(near, far, "of a third user"));
+    limit_descriptors(before);
+    kill(others, SIGKILL);
+    EXPECT_EQ(wait(nullptr), others);
+}
+
 TEST_F(Hal, MessagesGoBothWaysUntilTheTimeIsOverOrTheSessionCloses) {
     ASSERT_TRUE(open());
     for (const size_t length : {1U, 4126U, 8192U}) {
@@ -130,15 +172,32 @@ TEST_F(Hal, ADeviceIdHasOneLiveServer) {
         _exit(drvHdcServerDestroy(server));
     EXPECT_TRUE(wait(&status) > 0 && status == 0);
     int32_t code = 0;
-    for (int waiting = 0; code == 0 && waiting < 80; ++waiting)
+    std::vector<HDC_SESSION> ends;
+    for (; code == 0 && ends.size() < 290; ends.push_back(near))
         code = connect();
-    EXPECT_TRUE(code == HAL_HDC_NOT_READY && near != 0) << "too many wait";
+    EXPECT_EQ(code, HAL_HDC_NOT_READY) << "too many wait";
+    auto waiting = std::async(background, [this] { return connect(); });
+    await_the_others();
+    EXPECT_TRUE(accept() == 0 && waiting.get() == 0) << "waits for a place";
+    std::for_each(ends.begin(), ends.end(), drvHdcSessionClose);
     EXPECT_TRUE(accept() == 0 && connect() == 0 && drvHdcSessionClose(far) == 0);
     for (const auto& file : fs::directory_iterator(directory))
         fs::remove(file);
     EXPECT_EQ(drvHdcServerCreate(device, 0, &far), HAL_ERR_SERVER_EXISTS) << "no file holds it";
     EXPECT_EQ(drvHdcServerDestroy(server), 0);
 
+    ASSERT_EQ(mkdir((directory + "/unfinished-7").c_str(), 0700), 0);
+    std::ofstream(directory + "/unfinished-7/hdc-7") << "what a killed server left";
+    const int lowest = dup(STDIN_FILENO);
+    close(lowest);
+    for (int spare = 1; spare < 6; ++spare) {
+        const rlim_t before = limit_descriptors(static_cast<rlim_t>(lowest + spare));
+        drvHdcServerCreate(device + 1, 0, &far);
+        limit_descriptors(before);
+        drvHdcServerDestroy(far);
+        EXPECT_TRUE(serve() == 0 && drvHdcServerDestroy(server) == 0) << spare;
+    }
+    EXPECT_TRUE(fs::is_empty(directory));
     ASSERT_TRUE(open());
     auto accepting = std::async(background, drvHdcSessionAccept, server, &server);
     await_the_others();
@@ -148,13 +207,12 @@ TEST_F(Hal, ADeviceIdHasOneLiveServer) {
 }
 
 TEST_F(Hal, SessionsThatGetNoAnswerLeaveRoomForOthers) {
-    rlimit limit = {};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    const rlimit few = {320, limit.rlim_max};
-    ASSERT_TRUE(setrlimit(RLIMIT_NOFILE, &few) == 0 && open());
+    const rlim_t before = limit_descriptors(320);
+    const auto talk = [&] { return passes(near, far, "read") && send(near, "never read") == 0; };
+    ASSERT_TRUE(open() && talk());
     const HDC_SESSION unanswered = far;
     std::vector<HDC_SESSION> ends = {near};
-    while (ends.size() < 80 && connect() == 0 && accept() == 0)
+    while (ends.size() < 80 && connect() == 0 && accept() == 0 && talk())
         ends.push_back(near);
     auto accepting = std::async(background, drvHdcSessionAccept, server, &far);
     EXPECT_EQ(connect(), 0);
@@ -168,6 +226,7 @@ TEST_F(Hal, SessionsThatGetNoAnswerLeaveRoomForOthers) {
     EXPECT_EQ(drvHdcSessionClose(unanswered), 0);
     EXPECT_TRUE(drvHdcSessionClose(unanswered) == HAL_ERR_BAD_HANDLE && peer_of(unanswered) < 0);
 
+    drvHdcSessionClose(near);
     for (int i = 0; i < 40; ++i)
         EXPECT_TRUE(connect() == 0 && accept() == 0 && drvHdcSessionClose(near) == 0);
     std::vector<int> others;
@@ -175,12 +234,13 @@ TEST_F(Hal, SessionsThatGetNoAnswerLeaveRoomForOthers) {
         others.push_back(dup(STDIN_FILENO));
     int32_t code = 0;
     support::fail_each(support::Call::malloc, [&] {
+        drvHdcSessionClose(near);
         code = connect() == 0 ? accept() : HAL_ERR_NO_MEMORY;
         EXPECT_TRUE(code == 0 || is_final(code)) << "no exception: " << code;
     });
     EXPECT_EQ(code, 0) << "although no descriptor was left";
     std::for_each(others.begin(), others.end(), close);
-    setrlimit(RLIMIT_NOFILE, &limit);
+    limit_descriptors(before);
 }
 
 TEST_F(Hal, OnlyOpenHandlesAreTaken) {
@@ -221,6 +281,7 @@ TEST_F(Hal, OtherUsersNeedLeaveToTalkAndOwnNoDirectory) {
         ASSERT_TRUE(seteuid(65534) == 0 && connect() == 0 && seteuid(0) == 0);
         ASSERT_TRUE(connect() == 0 && accept() == 0);
         EXPECT_EQ(peer_of(far), accepted) << "the first that is allowed";
+        EXPECT_EQ(drvHdcSessionClose(far), 0);
     }
     ASSERT_EQ(chown(directory.c_str(), 65534, 0), 0);
     EXPECT_EQ(drvHdcServerCreate(device + 1, 0, &far), HAL_ERR_BAD_DIRECTORY);
@@ -239,7 +300,9 @@ TEST_F(Hal, ARefusalIsLoggedOnceWithPlaceAndReason) {
     support::clear_log();
     for (int i = 0; i < 42; ++i)
         EXPECT_EQ(drvHdcServerCreate(device, 0, &far), HAL_ERR_SERVER_EXISTS);
-    for (const mode_t mode : {0711U, 0770U, 0755U}) {
+    chmod(directory.c_str(), 0711);
+    EXPECT_TRUE(connect() == 0 && is_final(serve()) && devdrv_open_device_manager() < 0);
+    for (const mode_t mode : {0770U, 0755U}) {
         chmod(directory.c_str(), mode);
         EXPECT_TRUE(is_final(serve()) && is_final(connect()) && devdrv_open_device_manager() < 0);
     }
@@ -254,6 +317,19 @@ TEST_F(Hal, ARefusalIsLoggedOnceWithPlaceAndReason) {
         setenv("DM_HAL_DIR", (root + path).c_str(), 1);
         EXPECT_TRUE(is_final(connect()) && is_final(serve())) << path;
     }
+    setenv("DM_HAL_DIR", directory.c_str(), 1);
+    int status = 0;
+    if (fork() == 0) { // what was written counts for a while
+        support::clear_log();
+        for (int i = 0; i < 1'000; ++i) {
+            setenv("DM_HAL_DIR", (root + "/missing" + std::to_string(i % 500) + "/below").c_str(),
+                   1);
+            connect();
+        }
+        const size_t lines = support::log_lines().size();
+        _exit(lines > 0 && lines <= 64 ? 0 : 1);
+    }
+    EXPECT_TRUE(wait(&status) > 0 && status == 0) << "not a thousand lines, or five hundred";
     for (int32_t code = HAL_ERR_FIRST; code <= HAL_ERR_LAST; ++code)
         EXPECT_STRNE(hal_strerror(code), hal_strerror(HAL_ERR_LAST + 1));
 }

@@ -1,11 +1,13 @@
 #include "hal/complaint.h"
 
+#include "hal/immortal.h"
 #include "platform_hal_codes.h"
 #include "platform_log.h"
 
 #include <chrono>
 #include <map>
 #include <mutex>
+#include <string>
 
 namespace {
 
@@ -16,32 +18,23 @@ constexpr int kModule = 11; // the library is 10
 // Longer than the library tries to open a server.
 constexpr auto kPause = std::chrono::minutes(3);
 
-struct Complaint {
-    std::string line;
-    Clock::time_point written;
-};
+// Of one code in that time. What refused users do must neither fill the log nor keep out what other
+// codes have to say.
+constexpr size_t kMostLines = 64;
 
-// Users who are refused are subjects, too: their number is not this process's to choose.
-constexpr size_t kMostSubjects = 256;
-
-// The last line about each subject.
+// The lines that were written last, and when, for each code.
 struct Complaints {
     std::mutex mutex;
-    std::map<std::string, Complaint> last;
+    std::map<int32_t, std::map<std::string, Clock::time_point>> lines;
 };
 
-bool __is_due(const std::string& subject, const std::string& line) {
-    // Never destroyed, for threads go on while a process exits.
-    static auto& complaints = *new Complaints;
+bool __is_due(int32_t code, const std::string& line) {
+    auto& complaints = hal::immortal<Complaints>();
     const std::scoped_lock lock(complaints.mutex);
-    if (complaints.last.size() >= kMostSubjects)
-        complaints.last.clear();
-    Complaint& last = complaints.last[subject];
+    auto& lines = complaints.lines[code];
     const auto now = Clock::now();
-    if (last.line == line && now - last.written < kPause)
-        return false;
-    last = {line, now};
-    return true;
+    std::erase_if(lines, [now](const auto& entry) { return now - entry.second >= kPause; });
+    return lines.size() < kMostLines && lines.emplace(line, now).second;
 }
 
 } // namespace
@@ -51,7 +44,7 @@ namespace hal {
 int32_t complain(const std::string& subject, int32_t code, const std::string& reason) {
     const std::string line =
         subject + ": " + hal_strerror(code) + (reason.empty() ? "" : ": " + reason);
-    if (__is_due(subject, line))
+    if (__is_due(code, line))
         DlogErrorInner(kModule, "%s\n", line.c_str());
     return code;
 }

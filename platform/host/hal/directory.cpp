@@ -62,7 +62,8 @@ std::string __fault(const struct stat& status, bool is_server) {
     if (!__may_own(status.st_uid, is_server))
         return "it belongs to user " + std::to_string(status.st_uid) + ", this is user " +
                std::to_string(geteuid());
-    const bool is_shared = hal::setting("DM_HAL_ALLOW_UIDS") != nullptr;
+    // Who only connects is not harmed by others who do so, too.
+    const bool is_shared = !is_server || hal::setting("DM_HAL_ALLOW_UIDS") != nullptr;
     if ((status.st_mode & kOthersAll & ~(is_shared ? kOthersSearch : 0U)) == 0)
         return "";
     std::array<char, 64> text = {};
@@ -103,7 +104,7 @@ std::string __parent(const std::string& path) {
 namespace hal {
 
 const char* setting(const char* name) {
-    const char* value = std::getenv(name);
+    const char* value = secure_getenv(name);
     return value != nullptr && *value != '\0' ? value : nullptr;
 }
 

@@ -15,7 +15,8 @@
 
 namespace hal {
 
-// @return the value of an environment variable; null when it is not set, or empty.
+// @return the value of an environment variable; null when it is not set, or empty, or when its
+// setter may have fewer rights than this process (secure_getenv(3)).
 const char* setting(const char* name);
 
 // A directory that was opened and found right. What is in it is named by the descriptor alone: the
@@ -36,7 +37,7 @@ struct Directory {
 int32_t open_own_directory(Directory& directory);
 
 // Opens the directory for connecting to a server in it (O_PATH). It may also belong to a user in
-// DM_HAL_ALLOW_UIDS when DM_HAL_DIR names it.
+// DM_HAL_ALLOW_UIDS when DM_HAL_DIR names it; and others may search it in any case.
 // @return 0; HAL_HDC_NOT_READY when nothing is there yet; HAL_ERR_BAD_DIRECTORY as above.
 int32_t open_servers_directory(Directory& directory);
 

@@ -2,6 +2,8 @@
 #ifndef HAL_HANDLES_H
 #define HAL_HANDLES_H
 
+#include "hal/immortal.h"
+
 #include <atomic>
 #include <cstdint>
 #include <map>
@@ -20,11 +22,8 @@ inline std::atomic<uint64_t> last_handle = 0;
 template<class T>
 class Handles {
 public:
-    // @return the table of a kind; never destroyed, for threads go on while a process exits.
-    static Handles& table() {
-        static auto& only = *new Handles;
-        return only;
-    }
+    // @return the table of a kind.
+    static Handles& table() { return immortal<Handles>(); }
 
     uint64_t add(std::shared_ptr<T> object) {
         const uint64_t handle = ++last_handle;

@@ -16,16 +16,16 @@ namespace {
 
 using Clients = hal::Handles<hal::Client>;
 
-// Connects a session's socket, without waiting.
+// Connects a session's socket.
 int32_t __connect(hal::Session& session, int32_t device_id) {
     hal::Directory directory;
     if (const int32_t code = hal::open_servers_directory(directory); code != 0)
         return code;
     const hal::FileName name = hal::socket_name(device_id);
     session.socket = hal::open_socket(SOCK_SEQPACKET);
-    if (!session.socket || hal::connect_socket(session.socket, directory, name.data()) != 0) {
+    if (!session.socket || hal::connect_in_time(session.socket, directory, name.data()) != 0) {
         // No socket, a socket of a process that has ended, or too many clients waiting.
-        if (errno == ENOENT || errno == ECONNREFUSED || errno == EAGAIN)
+        if (errno == ENOENT || errno == ECONNREFUSED || errno == EAGAIN || errno == EINTR)
             return HAL_HDC_NOT_READY;
         const int32_t code = errno == EACCES ? HAL_ERR_REFUSED : HAL_ERR_SYSTEM;
         return hal::complain(directory.path_of(name.data()), code, strerrordesc_np(errno));

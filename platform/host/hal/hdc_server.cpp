@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <new>
@@ -19,8 +20,8 @@
 
 namespace {
 
-// Clients that may wait to be accepted: as many as one client of the library has sessions.
-constexpr int kBacklog = 64;
+// Clients that may wait to be accepted: as many as one user may have sessions.
+constexpr int kBacklog = 256;
 
 // What accept4(2) lacks is free again some time later.
 constexpr timespec kPause = {0, 100'000'000};
@@ -29,11 +30,10 @@ constexpr timespec kPause = {0, 100'000'000};
 constexpr mode_t kModeOwn = 0600;
 constexpr mode_t kModeAll = 0666;
 
-constexpr const char* kUnfinished = "unfinished";
-
 // The device id is held by a lock on a byte of the directory itself, the one at its number: it goes
-// with the process, and no file can be removed from under it. A directory cannot be opened for
-// writing, so it is a lock for reading, which is looked for and set while DirectoryLock is held.
+// with the process, and with the children that it forked and that have started no program, and no
+// file can be removed from under it. A directory cannot be opened for writing, so it is a lock for
+// reading, which is looked for and set while DirectoryLock is held.
 struct Server {
     ~Server() { release_id(); }
 
@@ -86,25 +86,65 @@ void Server::release_id() const {
     fcntl(directory.descriptor.get(), F_OFD_SETLK, &none);
 }
 
-// Makes the socket in a directory below, where nobody looks for it, and moves it to its place when
-// it is complete: that is the place of the one that an ended server left. The kernel lists a socket
-// under the name that it was bound to, so it has its own name from the start.
+// A directory below, in which a socket is completed where nobody looks for it. Each device id has
+// one: what a killed server left is in no other's way, and the next server of its id removes it.
+class Workshop {
+public:
+    Workshop(const hal::Directory& place, int32_t device_id)
+        : place_(place.descriptor.get()), socket_(hal::socket_name(device_id)) {
+        std::snprintf(name_.data(), name_.size(), "unfinished-%d", device_id);
+        mkdirat(place_, name_.data(), S_IRWXU);
+        below_.descriptor = hal::make_descriptor([this] {
+            return openat(place_, name_.data(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        });
+    }
+    Workshop(const Workshop&) = delete;
+    Workshop& operator=(const Workshop&) = delete;
+    ~Workshop() {
+        const int error = errno;
+        if (is_own())
+            clear();
+        unlinkat(place_, name_.data(), AT_REMOVEDIR);
+        errno = error;
+    }
+
+    // Says whether it is there and nobody else can change what is in it; if not, errno says why.
+    bool is_own() const {
+        struct stat status = {};
+        if (!below_.descriptor || fstat(below_.descriptor.get(), &status) != 0)
+            return false;
+        errno = EPERM;
+        return status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+    }
+
+    void clear() const { unlinkat(below_.descriptor.get(), socket_.data(), 0); }
+
+    hal::Descriptor make_socket(mode_t mode) const {
+        return hal::bind_socket(SOCK_SEQPACKET, below_, socket_.data(), mode);
+    }
+
+    // Moves the socket to its place: that is the place of the one that an ended server left.
+    bool hand_over() const {
+        return renameat(below_.descriptor.get(), socket_.data(), place_, socket_.data()) == 0;
+    }
+
+private:
+    const int place_;
+    const hal::FileName socket_;
+    hal::FileName name_ = {};
+    hal::Directory below_;
+};
+
+// The kernel lists a socket under the name that it was bound to, so it has its own name from the
+// start.
 bool __make_listener(Server& server) {
-    const int place = server.directory.descriptor.get();
-    mkdirat(place, kUnfinished, S_IRWXU); // unless a killed server left it
-    hal::Directory below;
-    below.descriptor = hal::make_descriptor([place] {
-        return openat(place, kUnfinished, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    });
-    if (!below.descriptor)
+    const Workshop workshop(server.directory, server.device_id);
+    if (!workshop.is_own())
         return false;
-    const hal::FileName name = hal::socket_name(server.device_id);
-    unlinkat(below.descriptor.get(), name.data(), 0);
+    workshop.clear();
     const mode_t mode = hal::setting("DM_HAL_ALLOW_UIDS") != nullptr ? kModeAll : kModeOwn;
-    server.listener = hal::bind_socket(SOCK_SEQPACKET, below, name.data(), mode);
-    return server.listener && listen(server.listener.get(), kBacklog) == 0 &&
-           renameat(below.descriptor.get(), name.data(), place, name.data()) == 0 &&
-           unlinkat(place, kUnfinished, AT_REMOVEDIR) == 0;
+    server.listener = workshop.make_socket(mode);
+    return server.listener && listen(server.listener.get(), kBacklog) == 0 && workshop.hand_over();
 }
 
 int32_t __listen(Server& server) {

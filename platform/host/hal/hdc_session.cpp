@@ -100,6 +100,8 @@ int32_t halHdcRecv(HDC_SESSION session, HAL_HDC_MSG* msg, int32_t /*buffer_lengt
     msg->received = std::make_unique_for_overwrite<char[]>(hal::kMaxMessage);
     const int32_t code =
         __in_time(*receiving, POLLIN, timeout_ms, [&] { return __try_receive(*receiving, *msg); });
+    if (code == 0)
+        receiving->has_given = true;
     *count = static_cast<int32_t>(msg->buffers.size());
     return code;
 } catch (const std::bad_alloc&) {

@@ -2,6 +2,7 @@
 
 #include "hal/complaint.h"
 #include "hal/handles.h"
+#include "hal/immortal.h"
 #include "platform_hal_codes.h"
 
 #include <linux/sockios.h>
@@ -11,6 +12,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <map>
 #include <string>
 
 namespace {
@@ -36,13 +38,14 @@ Bounds __bounds() {
     return {std::min(kMostOfUser, all / kShareOfUser), all / kShareOfAll};
 }
 
-// A peer that only has no more to send still waits for its answer. What a gone one has sent is
-// read by whoever is about to.
+// A peer that only has no more to send still waits for its answer. The first message of a gone one
+// is read by whoever is about to; what else it has sent may never be.
 bool __is_gone(const hal::Session& session) {
     pollfd state = {session.socket.get(), 0, 0};
+    if (poll(&state, 1, 0) != 1 || (state.revents & POLLHUP) == 0)
+        return false;
     int unread = 0;
-    return poll(&state, 1, 0) == 1 && (state.revents & POLLHUP) != 0 &&
-           ioctl(session.socket.get(), SIOCINQ, &unread) == 0 && unread == 0;
+    return session.has_given || (ioctl(session.socket.get(), SIOCINQ, &unread) == 0 && unread == 0);
 }
 
 } // namespace
@@ -50,8 +53,7 @@ bool __is_gone(const hal::Session& session) {
 namespace hal {
 
 SessionTable& SessionTable::only() {
-    static auto& table = *new SessionTable;
-    return table;
+    return immortal<SessionTable>();
 }
 
 uint64_t SessionTable::add(std::shared_ptr<Session> session) {
@@ -66,7 +68,7 @@ int32_t SessionTable::admit(std::shared_ptr<Session> session, uint64_t* handle) 
     {
         const std::scoped_lock lock(mutex_);
         make_room(uid);
-        if (!is_full(uid)) {
+        if (!is_full_of(uid) && !is_full()) {
             const uint64_t admitted = ++last_handle;
             open_.emplace(admitted, std::move(session));
             *handle = admitted;
@@ -130,28 +132,57 @@ size_t SessionTable::close_gone() {
     return close_where(__is_gone);
 }
 
-// Makes room for one more session, as far as that is possible.
+// Makes room for one more session of a user, as far as that is possible. A user who is at its own
+// bound costs the others nothing.
 void SessionTable::make_room(uid_t uid) {
-    if (open_.size() >= next_look_) {
+    const bool is_time_to_look = open_.size() >= next_look_;
+    if (is_time_to_look || is_full_of(uid) || is_full())
         close_gone();
+    if (is_time_to_look)
         next_look_ = std::max(kFewSessions, 2 * open_.size());
-    }
-    if (is_full(uid) && close_gone() == 0) {
-        const auto oldest = Clock::now() - kLongestWait;
-        close_where([&](const Session& session) { return session.opened < oldest; });
-    }
+    const auto oldest = Clock::now() - kLongestWait;
+    if (is_full_of(uid))
+        close_where([&](const Session& session) {
+            return session.peer_uid == uid && session.opened < oldest;
+        });
+    if (is_full_of(uid) || !is_full())
+        return;
+    close_where([&](const Session& session) { return session.opened < oldest; });
+    if (is_full())
+        close_one_of_most(uid);
 }
 
-// Says whether a user, or all together, have as many accepted sessions open as they may.
-bool SessionTable::is_full(uid_t uid) const {
-    size_t all = 0;
-    size_t of_user = 0;
-    for (const auto& [handle, session] : open_) {
-        all += session->client == nullptr ? 1 : 0;
-        of_user += session->client == nullptr && session->peer_uid == uid ? 1 : 0;
-    }
-    const Bounds most = __bounds();
-    return of_user >= most.of_user || all >= most.of_all;
+// Closes the oldest session of the user who has most, unless that user would have less than the
+// newcomer's then: a few users must not keep all others out.
+void SessionTable::close_one_of_most(uid_t uid) {
+    std::map<uid_t, size_t> counts = {{uid, 1}}; // with the newcomer
+    for (const auto& [handle, session] : open_)
+        counts[session->peer_uid] += session->client == nullptr ? 1 : 0;
+    const auto most =
+        std::max_element(counts.begin(), counts.end(),
+                         [](const auto& a, const auto& b) { return a.second < b.second; });
+    if (most->second <= counts[uid])
+        return;
+    bool is_closed = false;
+    close_where([&](const Session& session) {
+        return session.peer_uid == most->first && !std::exchange(is_closed, true);
+    });
+}
+
+// Says whether all users together have as many accepted sessions open as they may.
+bool SessionTable::is_full() const {
+    const auto all = std::count_if(open_.begin(), open_.end(), [](const auto& entry) {
+        return entry.second->client == nullptr;
+    });
+    return static_cast<size_t>(all) >= __bounds().of_all;
+}
+
+// Says whether a user has as many accepted sessions open as one may.
+bool SessionTable::is_full_of(uid_t uid) const {
+    const auto own = std::count_if(open_.begin(), open_.end(), [uid](const auto& entry) {
+        return entry.second->client == nullptr && entry.second->peer_uid == uid;
+    });
+    return static_cast<size_t>(own) >= __bounds().of_user;
 }
 
 SessionTable::Closed* SessionTable::find_closed(uint64_t handle) {

@@ -44,6 +44,7 @@ struct Session {
     const Clock::time_point opened = Clock::now();
     Descriptor socket;
     uid_t peer_uid = 0;
+    std::atomic<bool> has_given = false; // a message was received from it
 };
 
 // The sessions by their handles. A call shares the session while it works on it: closing the handle
@@ -51,13 +52,14 @@ struct Session {
 //
 // The library closes the sessions that it answers. Whose peer sends what gets no answer stays here,
 // so the table closes sessions by itself: those whose peer has gone, when descriptors are short,
-// when a bound is reached, and now and then; and at a bound also those that are older than a client
-// waits. Their handles are remembered for a while, for the library may still ask whose they were.
+// when a bound is reached, and now and then; at a bound also those that are older than a client
+// waits; and at the bound of all, one of the user who has most. Their handles are remembered for a
+// while, for the library may still ask whose they were.
 //
 // A handle is a number that is never given again.
 class SessionTable {
 public:
-    // @return the only table; never destroyed, for threads go on while a process exits.
+    // @return the only table.
     static SessionTable& only();
 
     // Opens a handle for a session that was connected.
@@ -76,8 +78,8 @@ public:
     // Closes a handle. @return 0 or HAL_ERR_BAD_HANDLE; no session if the table had closed it.
     int32_t take(uint64_t handle, std::shared_ptr<Session>& session);
 
-    // Closes the accepted sessions whose peer has gone and that hold nothing to read. Needs no
-    // memory. @return how many descriptors it gave back.
+    // Closes the accepted sessions whose peer has gone, but for those that hold a first message
+    // that is still to be read. Needs no memory. @return how many descriptors it gave back.
     size_t release_gone();
 
 private:
@@ -93,7 +95,9 @@ private:
     size_t close_where(Condition condition);
     size_t close_gone();
     void make_room(uid_t uid);
-    bool is_full(uid_t uid) const;
+    void close_one_of_most(uid_t uid);
+    bool is_full() const;
+    bool is_full_of(uid_t uid) const;
     Closed* find_closed(uint64_t handle);
 
     static constexpr size_t kFewSessions = 64; // with so few, nobody looks for gone ones

@@ -27,6 +27,10 @@ Descriptor bind_socket(int type, const Directory& directory, const char* name, m
 // @return 0 or -1 with errno set, like connect(2).
 int connect_socket(const Descriptor& socket, const Directory& directory, const char* name);
 
+// Connects a socket of open_socket(), and waits a short while for a place among those who wait to
+// be accepted. @return 0 or -1 with errno set: EAGAIN when none became free.
+int connect_in_time(const Descriptor& socket, const Directory& directory, const char* name);
+
 // @return the user of a connected peer.
 std::optional<uid_t> peer_of(const Descriptor& socket);
 
