@@ -76,12 +76,14 @@ int copy_request(PENDING_REQ_ST* req, const DM_ADDR_ST* addr, uint32_t addr_len,
 
 } // namespace
 
+// NOLINTBEGIN(clang-analyzer-unix.Malloc): it does not follow the count
 void PendingUnref::operator()(PENDING_REQ_ST* req) const {
     if (std::atomic_ref(req->refs).fetch_sub(1) != 1)
         return;
     std::free(req->user_data);
-    std::free(req); // NOLINT(clang-analyzer-unix.Malloc): it does not follow the count
+    std::free(req);
 }
+// NOLINTEND(clang-analyzer-unix.Malloc)
 
 int __dm_pending_cmp(const void* item, const void* key) {
     if (item == nullptr || key == nullptr)
@@ -254,7 +256,7 @@ int PendingRequests::publish(PENDING_REQ_ST* req) {
             return 0;
         }
     }
-    req->ended = true;
+    req->ended = true; // NOLINT(clang-analyzer-unix.Malloc): it does not follow the count
     poller_timer_remove(dm_cb_->poller, &req->timer);
     return status;
 }
@@ -398,7 +400,7 @@ int PendingRequests::on_timer(uint32_t period_ms, int32_t /*elapsed_ms*/, void* 
     }
     if (req->retry_left > 0 && !requests.resend(req, period_ms)) {
         DM_LOG_INFO_IN(kTimeout, "finish call intf->send_msg");
-        req->retry_left = 0;
+        req->retry_left = 0; // NOLINT(clang-analyzer-unix.Malloc): it does not follow the count
     }
     if (req->retry_left == 0 && !requests.is_over(req))
         requests.report(req);
