@@ -20,11 +20,13 @@ static int set(HASH_TABLE_ST* settings, const char* name, const char* value) {
 }
 
 static int read_setting(HASH_TABLE_ST* settings, char* line) {
-    const char* name = strtok(line, " \t\n");
-    const char* value = strtok(NULL, "\n");
+    const char* name = strtok(line, " \t\r\n");
+    const char* value = strtok(NULL, "\r\n");
     if (name == NULL)
         return 0;
     if (value != NULL)
+        value += strspn(value, " \t");
+    if (value != NULL && *value != '\0')
         return set(settings, name, value);
     hash_table_rm(settings, name);
     return 0;
@@ -37,7 +39,7 @@ static int read_settings(HASH_TABLE_ST* settings) {
     while (status == 0 && getline(&line, &size, stdin) != -1)
         status = read_setting(settings, line);
     free(line);
-    return status;
+    return ferror(stdin) ? -1 : status;
 }
 
 static int print_settings(const HASH_TABLE_ST* settings) {
@@ -50,7 +52,7 @@ static int print_settings(const HASH_TABLE_ST* settings) {
     for (int i = 0; i < listed; ++i)
         printf("%s\n", (const char*)values[i]);
     free(values);
-    return 0;
+    return fflush(stdout) == 0 && !ferror(stdout) ? 0 : -1;
 }
 
 int main(void) {

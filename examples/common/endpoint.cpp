@@ -191,8 +191,9 @@ DM_INTF_ST& Endpoint::open(DM_CB_ST& context, Role role, DM_DATA_HANDLER timeout
 
 std::string Endpoint::why_not_open(int status) const {
     if (status == -1)
-        return transport_ == Transport::ipc ? "the device manager gives no channel"
-                                            : "no thread can be started";
+        return transport_ == Transport::ipc
+                   ? "the device manager gives no channel (DM_LOG_LEVEL=warning tells why)"
+                   : "no thread can be started";
     return explain(status);
 }
 

@@ -5,7 +5,6 @@
 
 #include "system_file.h"
 
-#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstring>
@@ -28,14 +27,22 @@ bool is_ours(const ipc_perm& owner) {
     return owner.uid == tag[0] && owner.gid == tag[1] && owner.cuid == geteuid();
 }
 
-// A number may have been given to another process since: this one, or one of another name.
+// A process that has ended keeps its number and its name until its parent has waited for it. Its
+// state follows the name in brackets, which may have brackets itself (proc(5)).
+bool has_ended(const std::string& directory) {
+    const std::string stat = first_line(directory + "/stat");
+    const std::size_t name_end = stat.rfind(") ");
+    return name_end != std::string::npos && stat.find_first_of("ZX", name_end) == name_end + 2;
+}
+
+// A number may have been given to another process since: this one, another user's, which cannot be
+// signalled, or one of another name.
 bool is_dead(pid_t daemon) {
-    if (daemon == getpid())
+    if (daemon == getpid() || kill(daemon, 0) != 0)
         return true;
-    if (kill(daemon, 0) != 0)
-        return errno == ESRCH;
-    const std::string name = first_line("/proc/" + std::to_string(daemon) + "/comm");
-    return !name.empty() && name != kProcessName;
+    const std::string directory = "/proc/" + std::to_string(daemon);
+    const std::string name = first_line(directory + "/comm");
+    return (!name.empty() && name != kProcessName) || has_ended(directory);
 }
 
 // A queue without a writer that is known here was just made, or belongs to another PID namespace

@@ -17,11 +17,20 @@ std::size_t drop_last(Json& list) {
     return len;
 }
 
+// A list of what the machine has, whose text is the longest. The numbers of the load average are no
+// such list: each has its place.
 Json* longest_list(Json& health) {
     Json* longest = nullptr;
-    for (Json& value : health)
-        if (value.is_array() && (longest == nullptr || value.size() > longest->size()))
+    std::size_t longest_len = 0;
+    for (Json& value : health) {
+        if (!value.is_array() || value.empty() || !value.front().is_object())
+            continue;
+        const std::size_t len = json_text(value).size();
+        if (len > longest_len) {
             longest = &value;
+            longest_len = len;
+        }
+    }
     return longest;
 }
 
@@ -61,7 +70,7 @@ std::string health_text(const std::vector<Reading>& readings, std::size_t max_le
     health["truncated"] = true;
     for (std::size_t len = json_text(health).size(); len > max_len;) {
         Json* list = longest_list(health);
-        if (list == nullptr || list->empty())
+        if (list == nullptr)
             break;
         len -= drop_last(*list);
     }

@@ -13,15 +13,19 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <fcntl.h>
 #include <list>
 #include <mutex>
 #include <optional>
+#include <poll.h>
+#include <sstream>
 #include <string>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -37,9 +41,12 @@ constexpr int kCannotOpen = 3;
 // A transport that is not open after this is said to be waited for.
 constexpr std::chrono::seconds kMoment{1};
 
-int fail(int exit_status, const std::string& reason) {
-    std::fprintf(stderr, "dmond: %s\n", reason.c_str());
-    return exit_status;
+// The main thread waits for the signals: it says only what whoever reads the standard error has
+// room for.
+void say_if_there_is_room(const std::string& text) {
+    pollfd out{STDERR_FILENO, POLLOUT, 0};
+    if (poll(&out, 1, 0) > 0 && (out.revents & POLLOUT) != 0)
+        dprintf(STDERR_FILENO, "dmond: %s\n", text.c_str());
 }
 
 // An opening tells the main thread with it that it has ended.
@@ -54,6 +61,26 @@ sigset_t block_signals() {
         sigaddset(&signals, signal);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     return signals;
+}
+
+// Where nobody waits for the signals they end the process at once, also while the reader of what
+// it writes does not read.
+void let_signals_end() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+void say(const std::string& text) {
+    std::fprintf(stderr, "dmond: %s\n", text.c_str());
+}
+
+int fail(int exit_status, const std::string& reason) {
+    let_signals_end();
+    say(reason);
+    return exit_status;
 }
 
 // Whoever reads what the daemon writes may go, or not have been there at all: no descriptor of the
@@ -95,7 +122,7 @@ public:
             if (signal == SIGINT || signal == SIGTERM)
                 return true;
             if (signal == SIGHUP && !sampler_.restart())
-                std::fprintf(stderr, "dmond: cannot create a task for each reading\n");
+                say_if_there_is_room("cannot create a task for each reading");
             if (Clock::now() >= next_sample_) {
                 sampler_.order();
                 next_sample_ = Clock::now() + interval_;
@@ -147,10 +174,10 @@ public:
 
     bool has_failed() const { return std::any_of(openings_.begin(), openings_.end(), is_failed); }
 
-    // Gives 0, or says which one could not be opened and gives the exit status.
-    int exit_status() const {
+    // Tells which one could not be opened, and why. None when there is no such one.
+    std::optional<std::string> failure() const {
         const auto failed = std::find_if(openings_.begin(), openings_.end(), is_failed);
-        return failed == openings_.end() ? 0 : fail(kCannotOpen, failed->failure());
+        return failed == openings_.end() ? std::nullopt : std::optional(failed->failure());
     }
 
 private:
@@ -166,7 +193,7 @@ private:
                            MainLoop::Clock::now() + kMoment))
             return true;
         if (!opening.has_ended())
-            std::fprintf(stderr, "dmond: waiting for %s\n", endpoint.url().c_str());
+            say_if_there_is_room("waiting for " + endpoint.url());
         return false;
     }
 
@@ -198,17 +225,19 @@ int serve(DM_CB_ST* context, const std::vector<Endpoint>& endpoints, const sigse
     MainLoop loop(signals, sampler, interval);
     if (!interfaces.open(endpoints, loop))
         loop.run_while([&interfaces] { return !interfaces.has_failed(); });
-    const int exit_status = interfaces.exit_status();
+    const auto failure = interfaces.failure();
+    const int exit_status = failure ? kCannotOpen : 0;
     end_in_time(exit_status);
     sampler.stop();
+    if (failure)
+        say(*failure);
     return exit_status;
 }
 
-int run(const std::vector<Endpoint>& endpoints, MainLoop::Clock::duration interval) {
-    survive_readers();
+int run(const std::vector<Endpoint>& endpoints, MainLoop::Clock::duration interval,
+        const sigset_t& signals) {
     prctl(PR_SET_NAME, dmond::kProcessName);
     dmond::remove_dead_queues();
-    const sigset_t signals = block_signals();
     dmond::Sampler sampler;
     DM_CB_ST* context = nullptr;
     if (dm_init(&context) != 0)
@@ -218,10 +247,18 @@ int run(const std::vector<Endpoint>& endpoints, MainLoop::Clock::duration interv
     return exit_status;
 }
 
-int run_command_line(int argc, char** argv) {
+// The help or the version.
+int print(const std::string& text) {
+    let_signals_end();
+    if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0)
+        return fail(kCannotOpen, std::string("cannot write: ") + std::strerror(errno));
+    return 0;
+}
+
+int run_command_line(int argc, char** argv, const sigset_t& signals) {
     CLI::App app("Answers requests for the state of this machine, until SIGINT or SIGTERM. "
                  "SIGHUP begins its sampling anew.");
-    std::string udp;
+    std::optional<std::string> udp;
     std::optional<std::uint16_t> hdc;
     std::optional<std::uint16_t> ipc;
     app.add_option("--udp", udp, "Listen here; port 0 lets the system choose one")
@@ -239,14 +276,16 @@ int run_command_line(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& help_or_version) {
-        return app.exit(help_or_version);
+        std::ostringstream text;
+        app.exit(help_or_version, text, text);
+        return print(text.str());
     } catch (const CLI::ParseError& error) {
         return fail(kWrongUsage, error.what());
     }
 
     std::vector<Endpoint> endpoints;
-    if (!udp.empty()) {
-        const auto endpoint = Endpoint::parse_udp(udp);
+    if (udp) {
+        const auto endpoint = Endpoint::parse_udp(*udp);
         if (!endpoint)
             return fail(kWrongUsage,
                         "--udp takes an IPv4 address and a port, such as 127.0.0.1:7400");
@@ -258,18 +297,19 @@ int run_command_line(int argc, char** argv) {
         endpoints.push_back(Endpoint::ipc(*ipc));
     if (endpoints.empty())
         return fail(kWrongUsage, "nowhere to listen: give --udp, --hdc or --ipc");
-    return run(endpoints, std::chrono::milliseconds(interval_ms));
+    return run(endpoints, std::chrono::milliseconds(interval_ms), signals);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
+    const sigset_t signals = block_signals();
+    survive_readers();
     try {
-        const int exit_status = run_command_line(argc, argv);
+        const int exit_status = run_command_line(argc, argv, signals);
         alarm(0);
         return exit_status;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "dmond: %s\n", error.what());
-        return kCannotOpen;
+        return fail(kCannotOpen, error.what());
     }
 }

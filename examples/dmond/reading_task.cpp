@@ -136,7 +136,7 @@ struct ReadingTask::State : std::enable_shared_from_this<ReadingTask::State> {
     State(const char* name_of, Take taker) : name(name_of), take(taker) {}
 
     static void run(std::uint64_t arg, std::uint64_t, std::uint64_t, std::uint64_t);
-    void take_reading();
+    void take_reading(unsigned task_generation);
     void note_order();
     void order();
     void remove_queue();
@@ -151,6 +151,8 @@ struct ReadingTask::State : std::enable_shared_from_this<ReadingTask::State> {
     std::optional<Clock::time_point> taken;
     // When the next one was ordered, or its task created.
     std::optional<Clock::time_point> ordered;
+    // Of the task: what one that was replaced comes back with is old.
+    unsigned generation = 0;
 };
 
 void ReadingTask::State::run(std::uint64_t arg, std::uint64_t, std::uint64_t, std::uint64_t) {
@@ -162,13 +164,16 @@ void ReadingTask::State::run(std::uint64_t arg, std::uint64_t, std::uint64_t, st
         ~Run() { --state->running; }
         std::shared_ptr<State> state;
     };
-    const Run run(std::bit_cast<State*>(arg)->shared_from_this());
+    State& shared = *std::bit_cast<State*>(arg);
+    // Its creator waits for the beginning, and changes nothing meanwhile.
+    const unsigned generation = shared.generation;
+    const Run run(shared.shared_from_this());
     do
-        run.state->take_reading();
+        run.state->take_reading(generation);
     while (run.state->orders.wait());
 }
 
-void ReadingTask::State::take_reading() {
+void ReadingTask::State::take_reading(unsigned task_generation) {
     const KillingOff off;
     orders.take_all();
     Reading newest{name, nullptr, {}};
@@ -179,6 +184,8 @@ void ReadingTask::State::take_reading() {
         newest.missing = error.what();
     }
     const Hold hold(guard);
+    if (task_generation != generation)
+        return;
     std::swap(reading, newest);
     taken = Clock::now();
     ordered.reset();
@@ -237,6 +244,7 @@ bool ReadingTask::start() {
     const std::array<std::uint64_t, 4> args{std::bit_cast<std::uint64_t>(state_.get())};
     {
         const Hold hold(state_->guard);
+        ++state_->generation;
         state_->note_order();
     }
     ++state_->running;

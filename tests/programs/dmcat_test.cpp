@@ -126,10 +126,34 @@ TEST(Dmcat, ShowsATerminalNothingThatControlsIt) {
     EXPECT_EQ(bytes.status, 4);
 }
 
+TEST(Dmcat, EndsLikeDmondWhileNobodyReadsItsErrors) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), 0);
+    while (write(ends[1], "x", 1) == 1)
+        ;
+    const std::string full =
+        " 2>/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(ends[1]);
+    const UdpSocket holder;
+    const std::string port = holder.url().substr(std::string("udp://").size());
+    EXPECT_EQ(run({"/bin/sh", "-c", "DM_LOG_LEVEL=none " DMOND " --udp " + port + full}).status, 3);
+    Child listener({"/bin/sh", "-c", "exec " DMCAT " --echo --listen udp://" + port + full});
+    siginfo_t ended{};
+    for (int i = 0; i < 100 && ended.si_pid == 0; ++i) {
+        usleep(100'000); // nothing tells that it is held up by now
+        listener.send_signal(SIGTERM);
+        waitid(P_PID, static_cast<id_t>(listener.pid()), &ended, WEXITED | WNOHANG | WNOWAIT);
+    }
+    EXPECT_NE(ended.si_pid, 0);
+    close(ends[0]);
+    close(ends[1]);
+}
+
 TEST(Dmcat, SaysWhatItLacks) {
     const Outcome full = run({"/bin/sh", "-c", DMCAT " --version >/dev/full"});
     EXPECT_EQ(full.status, 3);
     EXPECT_EQ(full.err, "dmcat: cannot write: No space left on device\n");
+    EXPECT_EQ(run({"/bin/sh", "-c", DMOND " --version >/dev/full"}).status, 3);
+    EXPECT_EQ(dmcat({"smbus", "send"}).status, 2);
 #ifndef __SANITIZE_THREAD__ // needs its addresses
     // A thread gets a stack as large as the limit.
     const Outcome threads =

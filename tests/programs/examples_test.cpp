@@ -18,8 +18,9 @@ TEST(Examples, ADeadLockIsReported) {
 }
 
 TEST(Examples, SettingsAreReplacedAndRemoved) {
-    const std::string lines = "printf 'period 5\\nunit kelvin\\nperiod 10\\nunit\\nname fan 1\\n'; "
-                              "seq -f 's%g x' 67; printf 'long %0999d\\n' 1";
+    const std::string lines =
+        "printf 'period 5\\nunit kelvin\\nperiod \\t 10\\r\\nunit\\nname fan 1\\n'; "
+        "seq -f 's%g x' 67; printf 'long %0999d\\n' 1";
     const std::string shown = "^(70 settings|name=fan 1|period=10|s[0-9]+=x|long=0{998}1)$";
     const Outcome outcome =
         run({"/bin/sh", "-c",

@@ -80,7 +80,7 @@ TEST_F(Transports, AnswerTheSameCommands) {
 
 TEST_F(Transports, ManyClientsAtOnceAreAllAnsweredOnce) {
     Child second({DMCAT, "--listen", "hdc://0", "--echo"});
-    EXPECT_TRUE(second.await_line(STDERR_FILENO).starts_with("dmcat: hdc://0 is waiting"));
+    EXPECT_TRUE(second.await_line(STDERR_FILENO).starts_with("dmcat: hdc://0 is not open"));
     second.send_signal(SIGTERM);
     EXPECT_EQ(second.wait().status, 0);
     dmcat_once({"hdc://0", "ping"}); // what comes with the first request, stays

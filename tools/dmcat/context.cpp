@@ -84,7 +84,8 @@ void Context::open(const Endpoint& endpoint, Endpoint::Role role, DM_DATA_HANDLE
 void Context::await_opened(const Endpoint& endpoint) {
     auto failure = opened_.take(Clock::now() + kPatience);
     if (!failure && !opened_.stopped()) {
-        print_error(endpoint.url() + " is waiting for its id (DM_LOG_LEVEL=warning tells why)");
+        print_error(endpoint.url() + " is not open yet: its id is taken, or its directory of " +
+                    "sockets cannot be used (DM_LOG_LEVEL=warning tells why)");
         failure = opened_.take();
     }
     if (!failure)

@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <exception>
+#include <poll.h>
 #include <unistd.h>
 
 namespace {
@@ -26,7 +27,22 @@ int run(int argc, char** argv) {
     return options->listen ? dmcat::run_listener(*options) : dmcat::run_series(*options);
 }
 
+// The context blocks the signals, and nobody waits for them once it is gone. Whoever does not read
+// the error is not to hold up the end: where it has no room, a signal ends the process at once.
+// Elsewhere one that comes twice, as timeout(1) sends it, does not change the exit status.
+void let_signals_end_a_blocked_write() {
+    pollfd out{STDERR_FILENO, POLLOUT, 0};
+    if (poll(&out, 1, 0) != 0)
+        return;
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
 int fail(int exit_status, const std::exception& error) {
+    let_signals_end_a_blocked_write();
     dmcat::print_error(error.what());
     return exit_status;
 }

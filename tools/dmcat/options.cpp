@@ -43,9 +43,10 @@ one cannot be sent. SIGINT ends it, and requests under way are not counted then.
 are measured from the first sending; their percentiles are right to 1 %.
 
 On HDC a request that finds no server keeps trying until it times out; by default it is sent
-once and waits 20 s. At most 32 are under way at a time, and others wait for their turn. On IPC a message has at most 32 bytes, so a body has 20, and only commands
-can be sent. "dmcat smbus send HEX" writes a block of at most 32 bytes to the device on the
-SMBus, and "dmcat smbus recv" reads one.
+once and waits 20 s. At most 32 are under way at a time, and others wait for their turn. On
+IPC a message has at most 32 bytes, so a body has 20, and only commands can be sent.
+"dmcat smbus send HEX" writes a block of at most 32 bytes to the device on the SMBus, and
+"dmcat smbus recv" reads one.
 
 Examples:
   dmcat udp://127.0.0.1:7400 health
@@ -69,7 +70,7 @@ using Transport = Endpoint::Transport;
 struct Line {
     std::string url;
     std::string command;
-    std::string block;
+    std::optional<std::string> block;
     std::string listen;
     bool echo = false;
     std::optional<std::string> data;
@@ -100,7 +101,7 @@ std::string to_payload(const Line& line, std::size_t max_len) {
     if (line.data)
         payload = *line.data;
     if (line.hex)
-        payload = parse_hex(*line.hex);
+        payload = parse_hex(*line.hex, "--hex");
     if (line.file)
         payload = read_payload(*line.file, max_len);
     if (payload.size() > max_len)
@@ -115,6 +116,7 @@ struct Parser {
     void add_payload();
     void add_series();
     void check_combination() const;
+    void check_smbus() const;
     CLI::Option* add_number(const char* name, auto& value, auto min, auto max, const char* type,
                             const char* text);
 
@@ -199,15 +201,22 @@ void Parser::check_combination() const {
         throw UsageError("--interval needs --count");
 }
 
+// The block is all that the bus takes.
+void Parser::check_smbus() const {
+    for (const CLI::Option* option : app.get_options())
+        if (option->count() != 0 && !option->get_positional())
+            throw UsageError(option->get_name() + " does not go with smbus");
+}
+
 void complete_smbus(Options& options, const Line& line) {
-    if (line.command == "recv" && line.block.empty()) {
+    if (line.command == "recv" && !line.block) {
         options.smbus = Options::Smbus::receive;
         return;
     }
-    if (line.command != "send")
+    if (line.command != "send" || !line.block)
         throw UsageError("smbus takes: send HEX, or recv");
     options.smbus = Options::Smbus::send;
-    options.payload = parse_hex(line.block);
+    options.payload = parse_hex(*line.block, "a block");
     if (options.payload.size() > DM_SMBUS_BLOCK_MAX)
         throw UsageError("a block has at most " + std::to_string(DM_SMBUS_BLOCK_MAX) + " bytes");
 }
@@ -217,8 +226,8 @@ void complete_client(Options& options, const Line& line) {
         throw UsageError("no destination: give udp://ADDR:PORT, hdc://N or ipc://N");
     options.endpoint = to_endpoint(line.url, false);
     options.command = to_command(line.command);
-    if (!line.block.empty())
-        throw UsageError("unexpected '" + line.block + "'");
+    if (line.block)
+        throw UsageError("unexpected '" + *line.block + "'");
     if (!options.command && !line.data && !line.hex && !line.file)
         throw UsageError("nothing to send: give a command or a payload");
     const bool ipc = options.endpoint.transport() == Transport::ipc;
@@ -264,6 +273,7 @@ std::optional<Options> parse_options(int argc, char** argv) {
     options.listen = parser.line.echo;
     options.series = parser.count->count() != 0;
     if (parser.line.url == "smbus") {
+        parser.check_smbus();
         complete_smbus(options, parser.line);
         return options;
     }

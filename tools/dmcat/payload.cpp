@@ -36,8 +36,8 @@ private:
 
 } // namespace
 
-std::string parse_hex(std::string_view digits) {
-    const UsageError wrong("--hex takes an even number of hexadecimal digits");
+std::string parse_hex(std::string_view digits, const std::string& what) {
+    const UsageError wrong(what + " takes an even number of hexadecimal digits");
     if (digits.size() % 2 != 0)
         throw wrong;
     std::string bytes;

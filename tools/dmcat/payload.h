@@ -8,8 +8,9 @@
 
 namespace dmcat {
 
-// Throws UsageError for anything but pairs of hexadecimal digits.
-std::string parse_hex(std::string_view digits);
+// Throws UsageError for anything but pairs of hexadecimal digits; the error says that `what` takes
+// them.
+std::string parse_hex(std::string_view digits, const std::string& what);
 std::string to_hex(std::string_view bytes);
 
 // Reads a file, or standard input for "-", and stops at the first byte behind `max_len`. Throws

@@ -23,6 +23,24 @@ std::string json_text(const Json& value, int indent) {
     return value.dump(indent, ' ', false, Json::error_handler_t::replace);
 }
 
+// Indented, text that is nested deep grows with the square of its length: a body of 4 KiB to
+// megabytes.
+constexpr int kMaxIndentedDepth = 32;
+
+bool is_deep(const Json& value, int depth = 0) {
+    if (!value.is_structured())
+        return false;
+    return depth == kMaxIndentedDepth ||
+           std::any_of(value.begin(), value.end(),
+                       [=](const Json& part) { return is_deep(part, depth + 1); });
+}
+
+std::string readable_text(const Json& value) {
+    constexpr int kIndent = 2;
+    constexpr int kCompact = -1;
+    return json_text(value, is_deep(value) ? kCompact : kIndent);
+}
+
 bool is_ascii_text(std::string_view bytes) {
     return std::all_of(bytes.begin(), bytes.end(), [](unsigned char c) {
         return (c >= ' ' && c < 127) || c == '\n' || c == '\r' || c == '\t';
@@ -117,7 +135,7 @@ void Report::print_body(const Answer& answer) {
     if (!prints_to_terminal())
         return print(answer.body);
     const Json json = parse_body(answer.body, options_.command);
-    const std::string text = json.is_discarded() ? std::string(answer.body) : json_text(json, 2);
+    const std::string text = json.is_discarded() ? std::string(answer.body) : readable_text(json);
     print(printable(text, Lines::kept) + "\n");
 }
 
