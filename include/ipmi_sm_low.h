@@ -65,7 +65,7 @@ typedef struct THREAD_WAITER_NODE_ST {
 
 /**
  * A lock. For inspection only, with `mutex` held. The 3 bytes behind `name` are not free: they hold
- * what was handed over and not yet taken. A record must not be copied.
+ * what was handed over and not yet taken, and who could take it. A record must not be copied.
  */
 typedef struct THREAD_TIMED_MUTEX_ST {
     char name[5];                       /**< up to 4 characters, for the report of a dead lock */

@@ -285,6 +285,28 @@ TEST_F(TimedLock, ACancelledWaiterKeepsNothingFromOthers) {
     }
 }
 
+// However many were cancelled, what is given while nobody waits is kept for none of them.
+TEST_F(TimedLock, ManyCancelledWaitersAreNoWaiters) {
+    Lock sem(THREAD_TIMED_BINARY, 0);
+    set_wall_clock_right();
+    for (int i = 0; i < 300; ++i)
+        std::thread([&] {
+            next_waits = {{0, [] { pthread_cancel(pthread_self()); }}};
+            sem.lock();
+        }).join();
+    for (int i = 0; i < 40; ++i)
+        sem.unlock();
+    EXPECT_EQ(sem.lock(1), THREAD_TIMED_TIMEOUT);
+    // More units at once than can be on their way reach all who wait.
+    Lock many(THREAD_TIMED_COUNTING, 0);
+    std::vector<std::jthread> waiters;
+    for (int i = 0; i < 300; ++i)
+        waiters.emplace_back([&] { EXPECT_EQ(many.lock(), 0U); });
+    EXPECT_TRUE(many.is_awaited(300));
+    for (int i = 0; i < 300; ++i)
+        many.unlock();
+}
+
 // The second of two units goes to who came while the first was on its way.
 TEST_F(TimedLock, AFreeUnitReachesWhoQueuesBehindAHandOver) {
     Lock sem(THREAD_TIMED_BINARY, 0);
