@@ -297,14 +297,6 @@ TEST_F(TimedLock, ManyCancelledWaitersAreNoWaiters) {
     for (int i = 0; i < 40; ++i)
         sem.unlock();
     EXPECT_EQ(sem.lock(1), THREAD_TIMED_TIMEOUT);
-    // More units at once than can be on their way reach all who wait.
-    Lock many(THREAD_TIMED_COUNTING, 0);
-    std::vector<std::jthread> waiters;
-    for (int i = 0; i < 300; ++i)
-        waiters.emplace_back([&] { EXPECT_EQ(many.lock(), 0U); });
-    EXPECT_TRUE(many.is_awaited(300));
-    for (int i = 0; i < 300; ++i)
-        many.unlock();
 }
 
 // The second of two units goes to who came while the first was on its way.
