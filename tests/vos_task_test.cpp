@@ -287,6 +287,23 @@ TEST_F(VosTask, ACancellationHoldsUpNobody) {
     EXPECT_TRUE(seen.let_go());
 }
 
+// Also while its number is being deleted.
+TEST_F(VosTask, AnotherThreadIsNotTheTaskWhoseIdentifierItHas) {
+    const VOS_TASK_ENTRY leave = [](auto...) { pthread_exit(nullptr); };
+    for (int i = 0; i < support::rounds(500); ++i) {
+        EXPECT_EQ(create(leave, {}, "task", 0, uint64_t{8} << 20), (Created{0, 1}));
+        EXPECT_TRUE(only_these_threads(0));
+        std::atomic<int> looks = 0;
+        std::jthread stranger([&](const std::stop_token& is_over) {
+            for (; !is_over.stop_requested(); ++looks)
+                EXPECT_EQ(vos_get_current_task_id(), VOS_TASK_NONE);
+        });
+        while (looks == 0)
+            std::this_thread::yield();
+        EXPECT_EQ(vos_delete_task(1), VOS_TASK_NOT_CANCELLED);
+    }
+}
+
 void look_up_all(int /*signal*/) {
     vos_get_current_pid();
     vos_get_sys_task_id(1);
@@ -345,6 +362,12 @@ int look_as_child(uint32_t own) {
     }
     return support::eventually([] { return load(m_task_dyn_info[0]) == 1; }) ? 0 : __LINE__;
 }
+
+// From before the library was loaded: these handlers of fork(2) run while the layer is held.
+[[gnu::section(".preinit_array"), gnu::used]] void (*const register_handlers)() = [] {
+    const auto use_layer = [] { osal_delete_task(0); };
+    pthread_atfork(use_layer, use_layer, use_layer);
+};
 
 TEST_F(VosTask, AChildHasTheTaskThatForkedAlone) {
     const VOS_TASK_ENTRY fork_and_look = [](uint64_t result, uint64_t, uint64_t, uint64_t) {

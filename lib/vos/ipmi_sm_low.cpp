@@ -247,7 +247,10 @@ uint32_t __lock_semaphore(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms, pthread
     return 0;
 }
 
+// Who may become its owner is on record first: with the lock's mutex held, it could wait for a
+// thread that forks, and that thread's handlers for the lock.
 uint32_t __lock_mutex(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms, pthread_t self) {
+    dm::record_this_thread();
     const RecordLock lock(m);
     if (__is_owned_by(m, self)) {
         m->count = 0;
@@ -258,7 +261,6 @@ uint32_t __lock_mutex(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms, pthread_t s
         return code;
     }
     __take(m, self);
-    dm::record_this_thread();
     return 0;
 }
 
@@ -320,6 +322,7 @@ uint32_t __trylock_semaphore(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
 }
 
 uint32_t __trylock_mutex(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
+    dm::record_this_thread();
     const RecordLock lock(m);
     if (__is_owned_by(m, self)) {
         m->count = 0;
@@ -329,7 +332,6 @@ uint32_t __trylock_mutex(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
         return THREAD_TIMED_FAILED;
     --m->count;
     __take(m, self);
-    dm::record_this_thread();
     return 0;
 }
 

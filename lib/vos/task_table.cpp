@@ -7,7 +7,7 @@
 namespace dm {
 
 constinit SubjectLog task_log;
-constinit std::mutex table_making;
+constinit ForkMutex table_making;
 constinit std::array<Life, VOS_TASK_MAX + 1> lives{};
 
 namespace {
