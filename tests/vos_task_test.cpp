@@ -37,6 +37,9 @@ thread_local std::function<void()> before_cancel;
 // This thread's identifier, where it is not the true one.
 thread_local constinit uint64_t pretended_id = 0;
 
+// As where specific data needs memory, which a handler must not allocate.
+thread_local constinit bool refuses_specific = false;
+
 uint64_t load(uint64_t& field) {
     return std::atomic_ref(field).load();
 }
@@ -466,6 +469,7 @@ TEST(OsalTask, AThreadOfOtherMeansCanBeDeleted) {
     ASSERT_TRUE(only_these_threads(0));
     Event began;
     std::thread other([&] {
+        refuses_specific = true;
         osal_get_self_id();
         sleep_for_ever(as_arg(&began), 0, 0, 0);
     });
@@ -502,6 +506,10 @@ extern "C" int pthread_cancel(pthread_t thread) {
     if (before_cancel)
         before_cancel();
     return REAL(pthread_cancel)(thread);
+}
+
+extern "C" int pthread_setspecific(pthread_key_t key, const void* value) noexcept {
+    return refuses_specific ? ENOMEM : REAL(pthread_setspecific)(key, value);
 }
 
 extern "C" uint64_t osal_get_self_id() {
