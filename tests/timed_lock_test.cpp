@@ -288,14 +288,12 @@ TEST_F(TimedLock, ACancelledWaiterKeepsNothingFromOthers) {
 // However many were cancelled, what is given while nobody waits is kept for none of them.
 TEST_F(TimedLock, ManyCancelledWaitersAreNoWaiters) {
     Lock sem(THREAD_TIMED_BINARY, 0);
-    set_wall_clock_right();
     for (int i = 0; i < 300; ++i)
         std::thread([&] {
             next_waits = {{0, [] { pthread_cancel(pthread_self()); }}};
             sem.lock();
         }).join();
-    for (int i = 0; i < 40; ++i)
-        sem.unlock();
+    sem.unlock();
     EXPECT_EQ(sem.lock(1), THREAD_TIMED_TIMEOUT);
 }
 
