@@ -181,9 +181,9 @@ typedef int (*DM_GET_RETRY)(struct DM_INTF_ST* intf, int32_t* retry_cnt, uint32_
 
 /**
  * Closes the interface's descriptors and releases what else it has, but not the record, which the
- * framework gives to free(3) afterwards. Called once, with no lock held: by dm_intf_deregister(), on
- * its thread and before it returns, or by the thread that releases the context. It may look names
- * up, remove other interfaces and call the context's poller; when the context goes, that does
+ * framework gives to free(3) afterwards. Called once, with no lock held: by dm_intf_deregister(),
+ * on its thread and before it returns, or by the thread that releases the context. It may look
+ * names up, remove other interfaces and call the context's poller; when the context goes, that does
  * nothing or refuses with EINVAL.
  * @param intf the interface: no longer found by its name when it is removed, and still found when
  *             the context goes.
@@ -365,19 +365,19 @@ DM_API int dm_cmd_deregister(DM_CB_ST* dm_cb);
  * Sends a request and returns. It has one outcome: 0, and the response callback is called once, on
  * the poll thread; or an error, and it is never called. The callback may be called before the call
  * has returned. It is not called when the interface is removed or the context destroyed before, nor
- * when the calling thread is cancelled in the call; one that runs already is awaited then, so it must
- * neither wait for the end of that thread nor for a lock that it holds in the call. An empty response to a time-out is lost in the self-loop (see
- * DM_DATA_HANDLER).
+ * when the calling thread is cancelled in the call; one that runs already is awaited then, so it
+ * must neither wait for the end of that thread nor for a lock that it holds in the call. An empty
+ * response to a time-out is lost in the self-loop (see DM_DATA_HANDLER).
  *
  * Unless the interface's retry_cnt is negative, the request times out. With a retry_cnt of N above
  * 0 it is sent N + 1 times, timeout_ms apart, and the time-out is reported with the last re-send,
  * N periods after the first send; with 0 it is sent once and times out after one period. A time-out
- * reaches the callback as a response that the interface's timeout_hndl made. One that falls due while
- * the interface is still sending is reported when it has sent.
+ * reaches the callback as a response that the interface's timeout_hndl made. One that falls due
+ * while the interface is still sending is reported when it has sent.
  *
  * The answer is recognised by the request's identity, which no other request of the context gets
- * before 256 more have ended. An answer that comes later than that, late or doubled on its way, may be taken for
- * another request's.
+ * before 256 more have ended. An answer that comes later than that, late or doubled on its way, may
+ * be taken for another request's.
  *
  * Any thread. Nothing of the caller's is kept: address, data and user data are copied.
  * @param intf the interface to send on, registered.

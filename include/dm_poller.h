@@ -12,10 +12,11 @@
  *
  * A callback may be cancelled, or end its thread: the poller is then idle, as after poller_exit().
  *
- * The poll thread is not in a forked child (fork(2)). There poller_destory() on the parent's running
- * poller does nothing, poller_exit() is refused with 1, and no other call may be made; what the
- * child inherits of it goes with execve(2) or with the child. Neither has an effect on the parent. A
- * child that is forked in a callback is in the loop: it must end there, with _exit(2) or execve(2).
+ * The poll thread is not in a forked child (fork(2)). There poller_destory() on the parent's
+ * running poller does nothing, poller_exit() is refused with 1, and no other call may be made; what
+ * the child inherits of it goes with execve(2) or with the child. Neither has an effect on the
+ * parent. A child that is forked in a callback is in the loop: it must end there, with _exit(2) or
+ * execve(2).
  *
  * Results are positive errno numbers (errno(3)): 0, EINVAL (22), ENOMEM (12), the number of a
  * failed pipe(2) or fcntl(2), the code of a failed bounds-checked function; or 1 for a call that

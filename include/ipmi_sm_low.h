@@ -23,8 +23,10 @@
  * is set ahead does not end it early: a wait above 1000 ms may end after 80 % of its time, a
  * shorter one never does. A wall clock that is set back makes every wait as much longer.
  *
- * A child of fork(2) finds its copies of locks as they were; one whose `mutex` another thread held
- * at that moment cannot be used in it. An owner that was another thread has ended in the child.
+ * A child of fork(2) finds its copies of locks as they were. One whose `mutex` another thread held
+ * at that moment, or that others waited for, must be neither used nor destroyed in it: it hands
+ * units to waiters that are not there, and pthread_cond_destroy(3) may wait for them for ever. An
+ * owner that was another thread has ended in the child.
  *
  * Results are THREAD_TIMED_ codes, 0, or where noted the number of a failed call.
  */
@@ -65,7 +67,7 @@ typedef struct THREAD_WAITER_NODE_ST {
 
 /**
  * A lock. For inspection only, with `mutex` held. The 3 bytes behind `name` are not free: they hold
- * what was handed over and not yet taken. A record must not be copied.
+ * what was handed over and not yet taken, and who could take it. A record must not be copied.
  */
 typedef struct THREAD_TIMED_MUTEX_ST {
     char name[5];                       /**< up to 4 characters, for the report of a dead lock */

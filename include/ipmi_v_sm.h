@@ -6,6 +6,9 @@
  * (pthreads(7)) where it waits, and so is every call that writes a log line. A thread that is
  * cancelled while it waits leaves a semaphore that is never free again, see ipmi_sm_low.h: end it
  * otherwise, or let it wait with a time-out and look for its end between.
+ *
+ * A child of fork(2) must neither use nor delete a semaphore that others waited for at that moment,
+ * see ipmi_sm_low.h.
  */
 #ifndef IPMI_V_SM_H
 #define IPMI_V_SM_H

@@ -22,7 +22,9 @@
  *
  * fork(2): the child has the task that forked, if it was one, under its number; all others' numbers
  * are free, and the count of live tasks is 1 or 0. It may create tasks of its own. Their process
- * numbers go on from the parent's.
+ * numbers go on from the parent's. A handler of pthread_atfork(3) that was registered before the
+ * library was loaded runs while the layer is held for the child: it may call
+ * vos_get_current_task_id(), but must not create, delete or check a task.
  *
  * The fields of a block are written atomically, a text byte by byte, and may be read so at any
  * time, by which a look at the table needs no lock; only `reserved_tail` is not. A block that is

@@ -241,6 +241,18 @@ TEST(TimedLock, ACancelledWaiterKeepsNothingFromOthers) {
     }
 }
 
+// However many were cancelled, what is given while nobody waits is kept for none of them.
+TEST_F(TimedLock, ManyCancelledWaitersAreNoWaiters) {
+    Lock sem(THREAD_TIMED_BINARY, 0);
+    for (int i = 0; i < 300; ++i)
+        std::thread([&] {
+            next_waits = {{0, [] { pthread_cancel(pthread_self()); }}};
+            sem.lock();
+        }).join();
+    sem.unlock();
+    EXPECT_EQ(sem.lock(1), THREAD_TIMED_TIMEOUT);
+}
+
 // The second of two units goes to who came while the first was on its way.
 TEST(TimedLock, AFreeUnitReachesWhoQueuesBehindAHandOver) {
     Lock sem(THREAD_TIMED_BINARY, 0);

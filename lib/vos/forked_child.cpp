@@ -8,12 +8,15 @@ namespace dm {
 
 namespace {
 
+// Handlers that were registered before these run between them, and may use the layer.
 void before_fork() {
     table_making.lock();
     record_lock.lock();
+    is_forking = true;
 }
 
 void in_parent() {
+    is_forking = false;
     record_lock.unlock();
     table_making.unlock();
 }

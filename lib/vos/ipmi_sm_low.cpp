@@ -25,8 +25,9 @@ constexpr std::size_t kNameChars = sizeof(THREAD_TIMED_MUTEX_ST::name) - 1;
 // nothing: it may be spurious, and it may reach nobody, when the waiter is just timing out. So who
 // wakes for whatever reason takes a unit that was handed over, and goes on waiting without one.
 //
-// The other counts the waiters that were cancelled, up to the most that it can hold. They stay in
-// `wait_num`, but no unit is handed to them.
+// The other counts the waiters that are still there: one that was cancelled stays in `wait_num`,
+// but no unit is handed to it. Past the most that it can hold, a waiter takes what is handed to
+// others.
 template<class Count, std::size_t Offset>
 struct HiddenCount {
     static_assert(Offset >= sizeof(THREAD_TIMED_MUTEX_ST::name));
@@ -43,8 +44,8 @@ struct HiddenCount {
         std::memcpy(reinterpret_cast<unsigned char*>(m) + Offset, &count, sizeof(count));
     }
 };
-using HandedOver = HiddenCount<uint16_t, 6>;
-using Cancelled = HiddenCount<uint8_t, 5>;
+using HandedOver = HiddenCount<uint8_t, 5>;
+using LiveWaiters = HiddenCount<uint16_t, 6>;
 
 // Holds a record's mutex for a scope, also when the thread is cancelled in it.
 class RecordLock {
@@ -73,15 +74,12 @@ void __take(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
 
 // ---- handing over, with the mutex held ----
 
-int32_t __live_waiters(const THREAD_TIMED_MUTEX_ST* m) {
-    return m->wait_num - Cancelled::get(m);
-}
-
-// A mutex is handed over once, however often it is unlocked meanwhile.
+// A mutex is handed over once, however often it is unlocked meanwhile. What does not fit in the
+// count stays free, for __hand_on_free_unit().
 void __hand_over(THREAD_TIMED_MUTEX_ST* m) {
     const int32_t handed = HandedOver::get(m);
     const int32_t most = m->type == THREAD_TIMED_MUTEX ? 1 : HandedOver::kMost;
-    if (handed < std::min(__live_waiters(m), most))
+    if (handed < std::min<int32_t>(LiveWaiters::get(m), most))
         HandedOver::set(m, handed + 1);
 }
 
@@ -96,7 +94,7 @@ bool __take_handed_over(THREAD_TIMED_MUTEX_ST* m) {
 // Who comes while a unit is handed over queues, even when another unit is free: nobody would unlock
 // for him. So a waiter that has got its unit hands on what is free.
 void __hand_on_free_unit(THREAD_TIMED_MUTEX_ST* m) {
-    const int32_t unserved = __live_waiters(m) - HandedOver::get(m);
+    const int32_t unserved = LiveWaiters::get(m) - HandedOver::get(m);
     if (unserved <= 0 || m->count + unserved <= 0)
         return;
     __hand_over(m);
@@ -110,9 +108,11 @@ void __hand_on_free_unit(THREAD_TIMED_MUTEX_ST* m) {
 class Waiter {
 public:
     // The list is for inspection: a thread that cannot be listed waits all the same.
-    Waiter(THREAD_TIMED_MUTEX_ST* m, pthread_t self) : m_(m), self_(self) {
+    Waiter(THREAD_TIMED_MUTEX_ST* m, pthread_t self)
+        : m_(m), self_(self), is_counted_(LiveWaiters::get(m) < LiveWaiters::kMost) {
         thread_timed_mutex_list_add(m, self);
         ++m->wait_num;
+        LiveWaiters::set(m, LiveWaiters::get(m) + is_counted_);
     }
     Waiter(const Waiter&) = delete;
     Waiter& operator=(const Waiter&) = delete;
@@ -124,6 +124,7 @@ public:
     void leave() {
         thread_timed_mutex_list_del(m_, self_);
         --m_->wait_num;
+        LiveWaiters::set(m_, LiveWaiters::get(m_) - is_counted_);
         has_left_ = true;
     }
 
@@ -132,9 +133,9 @@ private:
     // take what was handed over. A semaphore's unit is then the one that it had reserved, and is
     // lost with it; a mutex has no such unit, and is free again.
     void cancelled() {
-        Cancelled::set(m_, std::min(Cancelled::get(m_) + 1, int{Cancelled::kMost}));
+        const int32_t takers = LiveWaiters::get(m_) - is_counted_;
+        LiveWaiters::set(m_, takers);
         const int32_t handed = HandedOver::get(m_);
-        const int32_t takers = std::max(__live_waiters(m_), 0);
         if (handed <= takers) {
             if (handed > 0)
                 pthread_cond_signal(&m_->cond);
@@ -147,6 +148,7 @@ private:
 
     THREAD_TIMED_MUTEX_ST* m_;
     pthread_t self_;
+    bool is_counted_; // among those who are still there
     bool has_left_ = false;
 };
 
@@ -245,7 +247,10 @@ uint32_t __lock_semaphore(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms, pthread
     return 0;
 }
 
+// Who may become its owner is on record first: with the lock's mutex held, it could wait for a
+// thread that forks, and that thread's handlers for the lock.
 uint32_t __lock_mutex(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms, pthread_t self) {
+    dm::record_this_thread();
     const RecordLock lock(m);
     if (__is_owned_by(m, self)) {
         m->count = 0;
@@ -256,7 +261,6 @@ uint32_t __lock_mutex(THREAD_TIMED_MUTEX_ST* m, uint32_t timeout_ms, pthread_t s
         return code;
     }
     __take(m, self);
-    dm::record_this_thread();
     return 0;
 }
 
@@ -318,6 +322,7 @@ uint32_t __trylock_semaphore(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
 }
 
 uint32_t __trylock_mutex(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
+    dm::record_this_thread();
     const RecordLock lock(m);
     if (__is_owned_by(m, self)) {
         m->count = 0;
@@ -327,7 +332,6 @@ uint32_t __trylock_mutex(THREAD_TIMED_MUTEX_ST* m, pthread_t self) {
         return THREAD_TIMED_FAILED;
     --m->count;
     __take(m, self);
-    dm::record_this_thread();
     return 0;
 }
 
@@ -374,7 +378,7 @@ uint32_t thread_timed_mutex_init(const char* name, THREAD_TIMED_MUTEX_ST* m, int
         return __code(status);
     }
     HandedOver::set(m, 0);
-    Cancelled::set(m, 0);
+    LiveWaiters::set(m, 0);
     m->locked = 0;
     m->count = initial_count;
     m->max_count = type == THREAD_TIMED_COUNTING ? initial_count : 1;

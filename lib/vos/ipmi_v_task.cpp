@@ -209,8 +209,6 @@ uint64_t vos_task_entry(uint64_t arg) {
 uint32_t vos_delete_task(uint32_t task_no) {
     if (find_used_block(task_no) == nullptr)
         return VOS_TASK_BAD_NUMBER;
-    if (dm::load(m_task_dyn_info[0]) == 0)
-        return VOS_TASK_NONE_LIVE;
     dm::PinnedThread thread;
     bool is_nobodys = false;
     bool is_pinned = false;
@@ -221,6 +219,8 @@ uint32_t vos_delete_task(uint32_t task_no) {
         const VOS_TASK_CB_ST* block = find_used_block(task_no);
         if (block == nullptr)
             return VOS_TASK_BAD_NUMBER; // another deletion, or the task's end, came first
+        if (dm::load(m_task_dyn_info[0]) == 0)
+            return VOS_TASK_NONE_LIVE;
         dm::decrement(m_task_dyn_info[0]);
         const dm::Life& life = dm::lives[task_no];
         const uint64_t tid = dm::load(block->tid);

@@ -105,16 +105,16 @@ void start_record_of_this_thread() {
     this_thread.is_recorded = true;
 }
 
-// While this thread is there, no other one ends with its identifier: once is enough.
+// While this thread is there, no other one ends with its identifier: once is enough. A handler may
+// have interrupted the allocator: so this thread is not recorded, which may need memory.
 void tell_this_thread_apart() {
     this_thread.is_told_apart = true;
-    bool was_anothers = false;
-    {
-        const std::lock_guard lock(record_lock);
-        was_anothers = threads.find(pthread_self()) != nullptr;
-    }
-    if (was_anothers)
-        record_this_thread();
+    if (this_thread.is_recorded)
+        return;
+    const std::lock_guard lock(record_lock);
+    ThreadEntry* const anothers = threads.find(pthread_self());
+    if (anothers != nullptr)
+        anothers->is_ours = false;
 }
 
 PinnedThread::~PinnedThread() {

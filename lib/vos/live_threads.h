@@ -2,9 +2,10 @@
 //
 // The identifier of a detached thread that has ended must not be given to the C library, which
 // would read memory that is gone. So threads are recorded from their beginning to their end: those
-// of osal_create_task(), and any other one from the moment that it becomes the owner of a recursive
-// mutex, or asks for its identifier where that was an ended thread's. A hook of its end takes a
-// thread off the record; who cancels a thread pins it, and it ends when that is done.
+// of osal_create_task(), and any other one from the moment that it asks for a recursive mutex. A
+// hook of its end takes a thread off the record; who cancels a thread pins it, and it ends when
+// that is done. A thread that asks for its identifier where that was an ended one's is told from
+// it, and like those that are not on record from then on.
 #ifndef DM_VOS_LIVE_THREADS_H
 #define DM_VOS_LIVE_THREADS_H
 

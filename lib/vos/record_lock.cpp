@@ -4,6 +4,7 @@ namespace dm {
 
 constinit RecordLock record_lock;
 [[gnu::tls_model("initial-exec")]] constinit thread_local SignalsHeld signals_held{};
+[[gnu::tls_model("initial-exec")]] constinit thread_local bool is_forking = false;
 
 namespace {
 

@@ -33,6 +33,25 @@ public:
     static void let();
 };
 
+// True on a thread in fork(2), whose handlers hold the locks of this layer while others' run.
+[[gnu::tls_model("initial-exec")]] extern constinit thread_local bool is_forking;
+
+// A mutex that fork(2) waits for. A thread that is forking has it already.
+class ForkMutex {
+public:
+    void lock() {
+        if (!is_forking)
+            mutex_.lock();
+    }
+    void unlock() {
+        if (!is_forking)
+            mutex_.unlock();
+    }
+
+private:
+    std::mutex mutex_;
+};
+
 class RecordLock {
 public:
     void lock() {
@@ -45,7 +64,7 @@ public:
     }
 
 private:
-    std::mutex mutex_;
+    ForkMutex mutex_;
 };
 
 // Taken after the SPL lock and a timed lock's mutex, where those are held as well.

@@ -7,7 +7,7 @@
 namespace dm {
 
 constinit SubjectLog task_log;
-constinit std::mutex table_making;
+constinit ForkMutex table_making;
 constinit std::array<Life, VOS_TASK_MAX + 1> lives{};
 
 namespace {
@@ -68,13 +68,13 @@ bool release_block(uint32_t task_no) {
     Life& life = lives[task_no];
     ++life.incarnation;
     life.is_starting = false;
-    life.thread_ended = false;
 
     store<uint64_t>(block->reserved_used, 0);
     store_all(block->name, '\0');
     store(block->desc[0], '\0');
     store(block->tid, kOnes);
     store(block->tid_copy, kOnes);
+    life.thread_ended = false; // after the identifier is gone, see find_task_of_thread()
     store(block->pid, kOnes);
     store<uint64_t>(block->reserved_pid, 0);
     store<VOS_TASK_ENTRY>(block->pfn_local_task_entry, nullptr);
@@ -119,8 +119,9 @@ uint32_t find_task_of_thread(uint64_t tid) {
         const VOS_TASK_CB_ST* block = find_block(task_no);
         if (block == nullptr)
             break;
-        // An identifier that an ended thread has left behind may be another one's by now.
-        if (load(block->tid) == tid && !lives[task_no].thread_ended)
+        // An identifier that an ended thread has left behind may be another one's by now. It goes
+        // before its mark does: who finds no mark any more does not find the identifier again.
+        if (load(block->tid) == tid && !lives[task_no].thread_ended && load(block->tid) == tid)
             return task_no;
     }
     return VOS_TASK_NONE;

@@ -7,10 +7,10 @@
 #include "ipmi_v_sm.h"
 #include "ipmi_v_task.h"
 #include "vos/live_threads.h"
+#include "vos/record_lock.h"
 
 #include <array>
 #include <atomic>
-#include <mutex>
 #include <utility>
 
 namespace dm {
@@ -22,7 +22,7 @@ constexpr uint64_t kOnes = 0xFFFFFFFF;
 constexpr uint64_t kPreemptive = 1;
 
 // One thread at a time makes the table.
-extern constinit std::mutex table_making;
+extern constinit ForkMutex table_making;
 
 // Holds the SPL lock for a scope, with signals off: a handler may make the same look-up as the
 // thread that it interrupts. The lock is released also when the thread is cancelled in the scope.
