@@ -242,7 +242,7 @@ TEST(TimedLock, ACancelledWaiterKeepsNothingFromOthers) {
 }
 
 // However many were cancelled, what is given while nobody waits is kept for none of them.
-TEST_F(TimedLock, ManyCancelledWaitersAreNoWaiters) {
+TEST(TimedLock, ManyCancelledWaitersAreNoWaiters) {
     Lock sem(THREAD_TIMED_BINARY, 0);
     for (int i = 0; i < 300; ++i)
         std::thread([&] {
