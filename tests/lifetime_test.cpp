@@ -277,6 +277,14 @@ TEST(Lifetime, RequestTimesOutDuringItsSend) {
     for (const Outcome outcome :
          {Outcome::success, Outcome::late_cancel, Outcome::failure, Outcome::thread_ends}) {
         const bool succeeds = outcome == Outcome::success || outcome == Outcome::late_cancel;
+        // What wakes the poll thread is a cancellation point.
+        static thread_local bool is_cancelled_late = false;
+        support::on_write_file = [](int fd, const void* buffer, uint32_t size) {
+            if (is_cancelled_late)
+                pthread_cancel(pthread_self());
+            pthread_testcancel();
+            return write(fd, buffer, size);
+        };
         Transport transport;
         transport.retry_cnt = 1;
         transport.timeout_ms = 1;
@@ -302,17 +310,10 @@ TEST(Lifetime, RequestTimesOutDuringItsSend) {
         MsgFunction on_response = [&](DM_INTF_ST*, DM_MSG_ST*) { reported.set(); };
         DM_INTF_ST* intf = transport.add(context, "fake");
         std::atomic<int> result = -1;
-        // What wakes the poll thread is a cancellation point.
-        if (outcome == Outcome::late_cancel)
-            support::on_write_file = [](int fd, const void* buffer, uint32_t size) {
-                if (size == 1) {
-                    pthread_cancel(pthread_self());
-                    pthread_testcancel();
-                }
-                return write(fd, buffer, size);
-            };
-        std::thread([&] { result = support::send(intf, "x", &on_response); }).join();
-        support::on_write_file = nullptr;
+        std::thread([&] {
+            is_cancelled_late = outcome == Outcome::late_cancel;
+            result = support::send(intf, "x", &on_response);
+        }).join();
         EXPECT_EQ(result, succeeds ? 0 : outcome == Outcome::failure ? DM_ERR_SEND : -1);
         EXPECT_TRUE(!succeeds || reported.wait());
         EXPECT_EQ(dm_intf_deregister(intf), 0);
@@ -321,6 +322,7 @@ TEST(Lifetime, RequestTimesOutDuringItsSend) {
         EXPECT_TRUE(
             support::eventually([&] { return list_size(context.get()->pending_list) == 0; }));
     }
+    support::on_write_file = nullptr;
 }
 
 // A close slot may look names up, remove another interface and use the poller, in a removal and

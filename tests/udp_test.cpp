@@ -76,10 +76,12 @@ TEST_F(Udp, AnswersRequestsAndDropsMalformedDatagrams) {
     DM_INTF_ST* client = nullptr;
     ASSERT_EQ(dm_udp_init(&client, other.get(), nullptr, &addr_, "client", 7), 0);
     std::vector<uint16_t> lengths;
+    Event handled;
     MsgFunction handler = [&](DM_INTF_ST* intf, DM_MSG_ST* msg) {
         EXPECT_EQ(std::tuple(msg->src_id, msg->src_type, msg->src_index, msg->addr_len),
                   std::tuple(5, 1, 1, 28));
         lengths.push_back(msg->data.data_len);
+        handled.set();
         if (msg->data.data_len == 6)
             support::answer(intf, msg, support::text_of(msg) + " too");
     };
@@ -108,7 +110,7 @@ TEST_F(Udp, AnswersRequestsAndDropsMalformedDatagrams) {
         answered.set();
     };
     ASSERT_EQ(support::send(client, "hello!", &on_response, addr_), 0);
-    ASSERT_TRUE(answered.wait());
+    ASSERT_TRUE(answered.wait() && handled.wait(3));
     EXPECT_EQ(lengths, (std::vector<uint16_t>{5000, 3, 6}));
 }
 
