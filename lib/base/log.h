@@ -94,12 +94,8 @@ void log_failed_check(const char* path, int line, const char* operation, const c
     DM_LOG_GATED(PLATFORM_LOG_WARNING, DlogWarnInner, __func__, format __VA_OPT__(, ) __VA_ARGS__)
 #define DM_LOG_WARNING_IN(operation, format, ...) \
     DM_LOG_GATED(PLATFORM_LOG_WARNING, DlogWarnInner, operation, format __VA_OPT__(, ) __VA_ARGS__)
-#define DM_LOG_INFO(format, ...) \
-    DM_LOG_GATED(PLATFORM_LOG_INFO, DlogInfoInner, __func__, format __VA_OPT__(, ) __VA_ARGS__)
 #define DM_LOG_INFO_IN(operation, format, ...) \
     DM_LOG_GATED(PLATFORM_LOG_INFO, DlogInfoInner, operation, format __VA_OPT__(, ) __VA_ARGS__)
-#define DM_LOG_DEBUG(format, ...) \
-    DM_LOG_GATED(PLATFORM_LOG_DEBUG, DlogDebugInner, __func__, format __VA_OPT__(, ) __VA_ARGS__)
 #define DM_LOG_DEBUG_IN(operation, format, ...) \
     DM_LOG_GATED(PLATFORM_LOG_DEBUG, DlogDebugInner, operation, format __VA_OPT__(, ) __VA_ARGS__)
 
