@@ -219,9 +219,9 @@ private:
     }
 
     void pass(PollArray& array) {
+        // The failing pass has not done it, and too many descriptors may be what made it fail.
         if (failures_ > 0)
-            sweep_fds(); // which the failing pass has not done: it may be too many that made it
-                         // fail
+            sweep_fds();
         if (failures_ > 1)
             await_notice();
         const int ready = wait(array);

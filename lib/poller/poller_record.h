@@ -87,7 +87,7 @@ enum class PollerPhase {
 };
 
 struct Poller : POLLER_ST {
-    // Guards what follows up to `changes`, and the write end of the notice pipe.
+    // Guards the two fields that follow, and the write end of the notice pipe.
     std::mutex life;
     PollerPhase phase = PollerPhase::idle;
     pthread_t poll_thread{};                    // while it runs
