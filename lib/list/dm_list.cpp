@@ -2,6 +2,7 @@
 
 #include "base/atomic_field.h"
 #include "base/memory.h"
+#include "list/dm_list_private.h"
 #include "list/dm_list_walk.h"
 #include "platform_adapter.h"
 
@@ -11,17 +12,7 @@
 
 namespace {
 
-// Holds a list's lock for a scope.
-class ListLock {
-public:
-    explicit ListLock(LIST_ST* list) : list_(list) { list_->lock(&list_->mutex); }
-    ListLock(const ListLock&) = delete;
-    ListLock& operator=(const ListLock&) = delete;
-    ~ListLock() { list_->unlock(&list_->mutex); }
-
-private:
-    LIST_ST* list_;
-};
+using dm::ListLock;
 
 enum class Mark { keep, removed };
 
@@ -33,33 +24,8 @@ LIST_NODE_ST* __prev(const LIST_NODE_ST* node) {
     return dm::load(node->prev);
 }
 
-bool __is_removed(const LIST_NODE_ST* node) {
-    return dm::load(node->removed) != 0;
-}
-
 LIST_COMPARE __compare_in_use(const LIST_ST* list, LIST_COMPARE compare) {
     return compare != nullptr ? compare : list->compare;
-}
-
-int __make_node(LIST_ST* list, void* item, dm::Owned<LIST_NODE_ST>& made) {
-    auto node = dm::allocate<LIST_NODE_ST>();
-    if (!node)
-        return ENOMEM;
-    if (const int status = dm::zero(node.get()); status != 0)
-        return status;
-    node->owner = list;
-    node->item = item;
-    node->refs = 1;
-    made = std::move(node);
-    return 0;
-}
-
-void __link_between(LIST_ST* list, LIST_NODE_ST* node, LIST_NODE_ST* before, LIST_NODE_ST* behind) {
-    dm::store(node->prev, before);
-    dm::store(node->next, behind);
-    dm::store(before->next, node);
-    dm::store(behind->prev, node);
-    std::atomic_ref(list->count).fetch_add(1);
 }
 
 // Takes an unlinked node off its list's count, also when the free callback is cancelled.
@@ -93,7 +59,7 @@ void __release(LIST_NODE_ST* node, Mark mark) {
 
 // The list's own reference goes only once, however often a node is removed.
 void __remove(LIST_NODE_ST* node) {
-    if (!__is_removed(node))
+    if (!dm::is_removed(node))
         __release(node, Mark::removed);
 }
 
@@ -104,24 +70,10 @@ LIST_NODE_ST* __node_at(LIST_ST* list, int32_t position) {
     return node;
 }
 
-LIST_NODE_ST* __skip_removed(LIST_ST* list, LIST_NODE_ST* node) {
-    while (node != &list->sentinel && __is_removed(node))
-        node = __next(node);
-    return node;
-}
-
-// Takes a reference on a node for an iterator; the sentinel is the end.
-void __stand_on(LIST_ITER_ST* iter, LIST_NODE_ST* node) {
-    if (node == &iter->list->sentinel)
-        return;
-    std::atomic_ref(node->refs).fetch_add(1);
-    iter->node = node;
-}
-
 LIST_NODE_ST* __find(LIST_ST* list, const void* key, LIST_COMPARE compare) {
     for (LIST_NODE_ST* node = __next(&list->sentinel); node != &list->sentinel;
          node = __next(node)) {
-        if (!__is_removed(node) && compare(node->item, key) == 0)
+        if (!dm::is_removed(node) && compare(node->item, key) == 0)
             return node;
     }
     return nullptr;
@@ -143,28 +95,23 @@ int __init_recursive(pthread_mutex_t* mutex) {
 // with the list locked.
 template<class FindBefore>
 int __insert_behind(LIST_ST* list, void* item, FindBefore find_before) {
-    if (list == nullptr || item == nullptr)
-        return EINVAL;
     dm::Owned<LIST_NODE_ST> node;
-    if (const int status = __make_node(list, item, node); status != 0)
+    if (const int status = dm::make_node(list, item, node); status != 0)
         return status;
     const ListLock lock(list);
-    LIST_NODE_ST* before = find_before();
-    __link_between(list, node.release(), before, __next(before));
+    dm::link_behind(find_before(), std::move(node));
     return 0;
 }
 
-// Inserts behind the first node, seen from the tail, that does not sort behind the new item, so
-// that equal items keep the order in which they came. `sign` is 1 for ascending, -1 for descending.
-int __insert_ordered(LIST_ST* list, void* item, LIST_COMPARE compare, int sign) {
-    return __insert_behind(list, item, [=] {
-        const LIST_COMPARE in_use = __compare_in_use(list, compare);
-        const auto sorts_behind = [=](int result) { return sign > 0 ? result > 0 : result < 0; };
-        LIST_NODE_ST* node = __prev(&list->sentinel);
-        while (node != &list->sentinel && sorts_behind(in_use(node->item, item)))
-            node = __prev(node);
-        return node;
-    });
+// The first node, seen from the tail, that does not sort behind the new item, so that equal items
+// keep the order in which they came. `sign` is 1 for ascending, -1 for descending.
+LIST_NODE_ST* __ordered_place(LIST_ST* list, const void* item, LIST_COMPARE compare, int sign) {
+    const LIST_COMPARE in_use = __compare_in_use(list, compare);
+    const auto sorts_behind = [=](int result) { return sign > 0 ? result > 0 : result < 0; };
+    LIST_NODE_ST* node = __prev(&list->sentinel);
+    while (node != &list->sentinel && sorts_behind(in_use(node->item, item)))
+        node = __prev(node);
+    return node;
 }
 
 // Moves the whole chain of `source` between two neighbouring nodes of another list.
@@ -214,6 +161,39 @@ int __concat(LIST_ST* list, LIST_ST* source, End end) {
 }
 
 } // namespace
+
+int dm::make_node(LIST_ST* list, void* item, Owned<LIST_NODE_ST>& made) {
+    if (list == nullptr || item == nullptr)
+        return EINVAL;
+    auto node = allocate<LIST_NODE_ST>();
+    if (!node)
+        return ENOMEM;
+    if (const int status = zero(node.get()); status != 0)
+        return status;
+    node->owner = list;
+    node->item = item;
+    node->refs = 1;
+    made = std::move(node);
+    return 0;
+}
+
+void dm::link_behind(LIST_NODE_ST* before, Owned<LIST_NODE_ST> node) {
+    LIST_NODE_ST* linked = node.release();
+    LIST_NODE_ST* behind = __next(before);
+    store(linked->prev, before);
+    store(linked->next, behind);
+    store(before->next, linked);
+    store(behind->prev, linked);
+    std::atomic_ref(linked->owner->count).fetch_add(1);
+}
+
+LIST_NODE_ST* dm::ascending_place(LIST_ST* list, const void* item, LIST_COMPARE compare) {
+    return __ordered_place(list, item, compare, 1);
+}
+
+void dm::leave_node(LIST_NODE_ST* node) {
+    __release(node, Mark::keep);
+}
 
 int list_create(LIST_ST** list, LIST_COMPARE compare, LIST_FREE free_item) {
     if (list == nullptr)
@@ -293,11 +273,11 @@ int list_insert_pos(LIST_ST* list, void* item, int32_t position) {
 }
 
 int list_insert_ascend(LIST_ST* list, void* item, LIST_COMPARE compare) {
-    return __insert_ordered(list, item, compare, 1);
+    return __insert_behind(list, item, [=] { return __ordered_place(list, item, compare, 1); });
 }
 
 int list_insert_descend(LIST_ST* list, void* item, LIST_COMPARE compare) {
-    return __insert_ordered(list, item, compare, -1);
+    return __insert_behind(list, item, [=] { return __ordered_place(list, item, compare, -1); });
 }
 
 int list_concat_after(LIST_ST* list, LIST_ST* source) {
@@ -347,17 +327,7 @@ void list_iter_init_node(LIST_ST* list, LIST_ITER_ST* iter, LIST_NODE_ST* node) 
 LIST_NODE_ST* list_iter_next(LIST_ITER_ST* iter) {
     if (iter == nullptr || iter->list == nullptr)
         return nullptr;
-    LIST_ST* list = iter->list;
-    const ListLock lock(list);
-    // Leaving a node may run the free callback, which may change the list: the next node is held
-    // before, and passed over when it was removed by that.
-    do {
-        LIST_NODE_ST* left = std::exchange(iter->node, nullptr);
-        __stand_on(iter, __skip_removed(list, __next(left != nullptr ? left : &list->sentinel)));
-        if (left != nullptr)
-            __release(left, Mark::keep);
-    } while (iter->node != nullptr && __is_removed(iter->node));
-    return iter->node;
+    return dm::advance(iter, [](const void*) { return true; });
 }
 
 void list_iter_destroy(LIST_ITER_ST* iter) {
@@ -365,7 +335,7 @@ void list_iter_destroy(LIST_ITER_ST* iter) {
         return;
     const ListLock lock(iter->list);
     if (iter->node != nullptr)
-        __release(iter->node, Mark::keep);
+        dm::leave_node(iter->node);
 }
 
 void list_iterate(LIST_ST* list, LIST_VISITOR visitor, void* arg, uint32_t value) {

@@ -2,8 +2,8 @@
 #ifndef DM_LIST_WALK_H
 #define DM_LIST_WALK_H
 
-#include "base/atomic_field.h"
 #include "dm_list.h"
+#include "list/dm_list_private.h"
 
 #include <utility>
 
@@ -17,11 +17,16 @@ public:
     ListWalk(const ListWalk&) = delete;
     ListWalk& operator=(const ListWalk&) = delete;
     ~ListWalk() noexcept(false) {
-        if (iter_.node != nullptr) // at the end there is nothing to leave
+        if (iter_.node != nullptr && !leave_shared(iter_.node)) // at the end there is none to leave
             list_iter_destroy(&iter_);
     }
 
     LIST_NODE_ST* next() { return list_iter_next(&iter_); }
+    // The next one whose item is wanted, which is asked with the list locked.
+    template<class Wanted>
+    LIST_NODE_ST* next_where(Wanted wanted) {
+        return advance(&iter_, wanted);
+    }
     LIST_NODE_ST* node() const { return iter_.node; }
 
     // Gives up the node without leaving it: that is due with list_iter_destroy().
@@ -30,10 +35,6 @@ public:
 private:
     LIST_ITER_ST iter_{};
 };
-
-inline bool is_removed(const LIST_NODE_ST* node) {
-    return load(node->removed) != 0;
-}
 
 } // namespace dm
 

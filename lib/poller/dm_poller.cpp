@@ -5,7 +5,7 @@
 #include "base/log.h"
 #include "base/memory.h"
 #include "base/pipe.h"
-#include "list/dm_list_walk.h"
+#include "list/dm_list_private.h"
 #include "platform_adapter.h"
 #include "poller/poll_array.h"
 #include "poller/poll_pass.h"
@@ -137,12 +137,16 @@ void __poller_free(Poller* poller) {
 int __wait_ms(const POLLER_ST* poller, uint32_t loaded) {
     if (list_is_empty(poller->timer_list) != 0 || list_size(poller->fd_list) != loaded)
         return kIdleWaitMs;
-    // The walk keeps the first timer: another thread may be about to leave it, as its last visitor.
-    dm::ListWalk walk(poller->timer_list);
-    LIST_NODE_ST* first = walk.next();
-    if (first == nullptr)
-        return kIdleWaitMs;
-    return std::max(poller_ms_until(dm::entry_of<POLLER_TIMER_ENTRY_ST>(first)), 1);
+    POLLER_TIMER_ENTRY_ST first{};
+    {
+        const dm::ListLock lock(poller->timer_list);
+        const auto* timer =
+            static_cast<const POLLER_TIMER_ENTRY_ST*>(list_first_item(poller->timer_list));
+        if (timer == nullptr)
+            return kIdleWaitMs;
+        first.deadline = timer->deadline;
+    }
+    return std::max(poller_ms_until(&first), 1);
 }
 
 // Tells that the loop is left, and why.
@@ -230,7 +234,7 @@ private:
         __poller_dispatch_fds(poller_, ready);
         __poller_run_timers(poller_);
         sweep_fds();
-        __poller_sweep_removed<POLLER_TIMER_ENTRY_ST>(poller_->timer_list, poller_->marked_timers);
+        __poller_sweep_removed(poller_->timer_list, poller_->marked_timers);
         if (poller_->owner.on_pass != nullptr)
             looks_again_ = poller_->owner.on_pass(poller_->owner.arg);
     }
@@ -272,7 +276,7 @@ private:
     }
 
     void sweep_fds() {
-        if (__poller_sweep_removed<POLLER_FD_ENTRY_ST>(poller_->fd_list, poller_->marked_fds))
+        if (__poller_sweep_removed(poller_->fd_list, poller_->marked_fds))
             ++poller_->fd_changes;
     }
 
@@ -463,14 +467,30 @@ bool __poller_is_current(POLLER_ST* poller) {
     return pthread_equal(self->poll_thread, pthread_self()) != 0;
 }
 
+bool __poller_sweep_removed(LIST_ST* list, dm::MarkedEntries& marked) {
+    if (marked.is_empty())
+        return false;
+    for (;;) {
+        const dm::ListLock lock(list);
+        dm::EntryTail* tail = marked.first();
+        if (tail == nullptr)
+            return true;
+        marked.take_out(tail);
+        list_remove(list, tail->node);
+    }
+}
+
 void poller_entry_free(void* entry) {
     if (entry == nullptr)
         return;
     auto* released = static_cast<dm::TimerEntry*>(entry);
-    if (released->tail.marked != nullptr && dm::is_marked(released))
-        released->tail.marked->fetch_sub(1);
-    if (released->tail.release != nullptr)
-        released->tail.release(released->user_data);
+    dm::EntryTail& tail = released->tail;
+    if (tail.marked != nullptr)
+        tail.marked->take_out(&tail);
+    if (tail.index != nullptr)
+        tail.index->remove(released);
+    if (tail.release != nullptr)
+        tail.release(released->user_data);
     std::free(released->user_data);
     std::free(released);
 }

@@ -60,13 +60,10 @@ Removal __remove_entries(Poller* poller, int fd, int events, Then then) {
     Removal removal;
     dm::ListWalk walk(poller->fd_list);
     while (LIST_NODE_ST* node = walk.next()) {
-        auto* entry = dm::entry_of<POLLER_FD_ENTRY_ST>(node);
+        auto* entry = dm::entry_of<FdEntry>(node);
         if (poller_fd_entry_cmp(entry, &key) != 0)
             continue;
-        if (dm::is_running(poller))
-            dm::mark(entry, poller->marked_fds);
-        else
-            list_remove(poller->fd_list, node);
+        dm::remove_entry(poller, poller->fd_list, poller->marked_fds, entry, node);
         if (then == Then::close)
             ++poller->closings;
         ++poller->fd_changes;
@@ -107,7 +104,6 @@ int poller_fd_add(POLLER_ST* poller, int fd, int16_t events, POLLER_FD_CALLBACK 
         return status;
     }
     std::unique_ptr<POLLER_FD_ENTRY_ST, dm::EntryDeleter> entry(made);
-    static_cast<FdEntry*>(made)->tail.marked = &dm::private_of(poller)->marked_fds;
     if (user_data != nullptr && user_data_len > 0) {
         const int status = dm::copy_user_data(made, user_data, static_cast<uint32_t>(user_data_len),
                                               DM_LOG_SITE(poller_log), "memset_s fail!\n",
@@ -147,14 +143,16 @@ int __poller_fd_remove_and_wait(POLLER_ST* poller, int fd, int events) {
 }
 
 void __poller_dispatch_fds(Poller* poller, int ready) {
+    const auto is_ready = [](const void* item) {
+        const auto* entry = static_cast<const POLLER_FD_ENTRY_ST*>(item);
+        return entry->slot != nullptr && entry->slot->revents != 0;
+    };
     dm::ListWalk walk(poller->fd_list);
     while (ready > 0) {
-        LIST_NODE_ST* node = walk.next();
+        LIST_NODE_ST* node = walk.next_where(is_ready);
         if (node == nullptr)
             return; // the slot of an entry that was removed
         const auto* entry = dm::entry_of<POLLER_FD_ENTRY_ST>(node);
-        if (entry->slot == nullptr || entry->slot->revents == 0)
-            continue;
         --ready;
         const Callback callback(poller, node, entry);
         if (callback.is_allowed() && entry->callback != nullptr)

@@ -14,8 +14,27 @@ namespace {
 using dm::Poller;
 using dm::TimerEntry;
 
-POLLER_TIMER_ENTRY_ST* __exchange(POLLER_TIMER_ENTRY_ST** timer, POLLER_TIMER_ENTRY_ST* handle) {
-    return timer != nullptr ? std::atomic_ref(*timer).exchange(handle) : nullptr;
+// True while all timers of the list are in the index. Who puts an entry into the list by himself
+// has the list searched.
+bool __is_index_whole(const Poller* poller) {
+    return poller->timer_index.size() == list_size(poller->timer_list);
+}
+
+// Puts a timer into the index. Gives the node behind which the list has it.
+LIST_NODE_ST* __place(Poller* poller, TimerEntry* timer) {
+    const bool is_whole = __is_index_whole(poller);
+    const TimerEntry* before = poller->timer_index.insert(timer);
+    if (!is_whole)
+        return dm::ascending_place(poller->timer_list, timer, poller_timer_deadline_cmp);
+    return before != nullptr ? before->tail.node : &poller->timer_list->sentinel;
+}
+
+LIST_NODE_ST* __find(const Poller* poller, const POLLER_TIMER_ENTRY_ST* handle) {
+    if (const TimerEntry* timer = poller->timer_index.find(handle); timer != nullptr)
+        return timer->tail.node;
+    if (__is_index_whole(poller))
+        return nullptr;
+    return list_search(poller->timer_list, handle, poller_timer_entry_cmp);
 }
 
 // Takes a timer out at the end of a scope, also when its callback ends the thread: it fires once.
@@ -58,21 +77,24 @@ int __add(POLLER_ST* poller, uint32_t interval_ms, POLLER_TIMER_CALLBACK callbac
         if (status != 0)
             return status;
     }
+    auto* timer_entry = static_cast<TimerEntry*>(made);
+    dm::Owned<LIST_NODE_ST> node;
+    if (const int status = dm::make_node(poller->timer_list, made, node); status != 0) {
+        DM_LOG_ERROR_IN(poller_log, operation, "failed to call list_insert_ascend\n");
+        return status;
+    }
     Poller* self = dm::private_of(poller);
-    dm::EntryTail& tail = static_cast<TimerEntry*>(made)->tail;
-    tail = {&self->marked_timers, release, self->timers_added.fetch_add(1)};
+    timer_entry->tail.node = node.get();
+    timer_entry->tail.release = release;
+    timer_entry->tail.number = self->timers_added.fetch_add(1);
     // The handle is stored before the timer can fire, so that no late store brings back a handle
     // that is dead by then.
-    POLLER_TIMER_ENTRY_ST* before = __exchange(timer, made);
-    const int status = list_insert_ascend(poller->timer_list, made, poller_timer_deadline_cmp);
-    if (status == 0) {
-        static_cast<void>(entry.release()); // it is the list's now
-        return 0;
-    }
-    __exchange(timer, before);
-    tail.release = nullptr;
-    DM_LOG_ERROR_IN(poller_log, operation, "failed to call list_insert_ascend\n");
-    return status;
+    if (timer != nullptr)
+        dm::store(*timer, made);
+    static_cast<void>(entry.release()); // it is the list's from here on
+    const dm::ListLock lock(poller->timer_list);
+    dm::link_behind(__place(self, timer_entry), std::move(node));
+    return 0;
 }
 
 } // namespace
@@ -111,19 +133,13 @@ int poller_timer_remove(POLLER_ST* poller, POLLER_TIMER_ENTRY_ST* const* timer) 
     if (poller == nullptr || timer == nullptr)
         return EINVAL;
     const POLLER_TIMER_ENTRY_ST* handle = dm::load(*timer);
-    if (handle == nullptr)
+    if (handle == nullptr || poller->timer_list == nullptr) // a poller whose end has come has none
         return 0;
-    dm::ListWalk walk(poller->timer_list);
-    while (LIST_NODE_ST* node = walk.next()) {
-        auto* entry = dm::entry_of<POLLER_TIMER_ENTRY_ST>(node);
-        if (poller_timer_entry_cmp(entry, handle) != 0)
-            continue;
-        if (dm::is_running(poller))
-            dm::mark(entry, dm::private_of(poller)->marked_timers);
-        else
-            list_remove(poller->timer_list, node);
-        break; // an address is listed once
-    }
+    const dm::ListLock lock(poller->timer_list);
+    Poller* self = dm::private_of(poller);
+    if (LIST_NODE_ST* node = __find(self, handle); node != nullptr)
+        dm::remove_entry(poller, poller->timer_list, self->marked_timers,
+                         dm::entry_of<TimerEntry>(node), node);
     return 0;
 }
 

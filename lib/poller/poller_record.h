@@ -1,5 +1,4 @@
-// A poller and its entries with what they have beyond their public fields, for the files of the
-// poller.
+// A poller with what it has beyond its public fields, for the files of the poller.
 #ifndef DM_POLLER_RECORD_H
 #define DM_POLLER_RECORD_H
 
@@ -7,7 +6,10 @@
 #include "base/log.h"
 #include "base/memory.h"
 #include "dm_poller.h"
+#include "list/dm_list_private.h"
 #include "poller/dm_poller_private.h"
+#include "poller/entry.h"
+#include "poller/timer_index.h"
 
 #include <unistd.h>
 
@@ -17,32 +19,6 @@
 extern constinit dm::SubjectLog poller_log;
 
 namespace dm {
-
-// How many entries of a list are marked as removed and not yet released. A sweep walks a list only
-// as far as it must.
-using MarkedCount = std::atomic<int32_t>;
-
-// What both kinds of entry carry behind their common public fields.
-struct EntryTail {
-    MarkedCount* marked;    // the count that the entry is in once it is marked
-    POLLER_RELEASE release; // called with the user data when the entry goes, or null
-    uint64_t number;        // timers: how many were added before
-};
-
-struct FdEntry : POLLER_FD_ENTRY_ST {
-    EntryTail tail;
-};
-
-struct TimerEntry : POLLER_TIMER_ENTRY_ST {
-    EntryTail tail;
-};
-
-// One free callback serves both lists, so what it touches lies at the same place in both.
-static_assert(sizeof(FdEntry) == sizeof(TimerEntry));
-static_assert(sizeof(POLLER_FD_ENTRY_ST) == sizeof(POLLER_TIMER_ENTRY_ST));
-static_assert(offsetof(POLLER_FD_ENTRY_ST, user_data) ==
-              offsetof(POLLER_TIMER_ENTRY_ST, user_data));
-static_assert(offsetof(POLLER_FD_ENTRY_ST, removed) == offsetof(POLLER_TIMER_ENTRY_ST, removed));
 
 // Something that the poll thread does again and again, and that others wait for the end of. The
 // turn is odd while it does it, and no turn comes again. Waiting is no cancellation point.
@@ -104,8 +80,9 @@ struct Poller : POLLER_ST {
 
     std::atomic<uint64_t> fd_changes{1}; // goes up as entries are added, marked or removed
     std::atomic<uint64_t> closings{0};   // goes up as entries are removed to be closed
-    MarkedCount marked_fds{0};
-    MarkedCount marked_timers{0};
+    MarkedEntries marked_fds;
+    MarkedEntries marked_timers;
+    TimerIndex timer_index;
     std::atomic<uint64_t> timers_added{0};
 };
 
@@ -118,22 +95,20 @@ inline bool is_running(const POLLER_ST* poller) {
 }
 
 template<class Entry>
-bool is_marked(const Entry* entry) {
-    return std::atomic_ref(const_cast<Entry*>(entry)->removed).load() != 0;
-}
-
-template<class Entry>
 Entry* entry_of(LIST_NODE_ST* node) {
     return static_cast<Entry*>(list_to_item(node));
 }
 
-// Marks an entry for the sweep. The count goes up first: a sweep may then look in vain, but never
-// misses a mark.
+// Takes an entry out of its list. While the poller runs it is only marked, for the sweep: a
+// callback may be at it.
 template<class Entry>
-void mark(Entry* entry, MarkedCount& marked) {
-    marked.fetch_add(1);
-    if (std::atomic_ref(entry->removed).exchange(1) != 0)
-        marked.fetch_sub(1);
+void remove_entry(const POLLER_ST* poller, LIST_ST* list, MarkedEntries& marked, Entry* entry,
+                  LIST_NODE_ST* node) {
+    const ListLock lock(list);
+    if (is_running(poller))
+        marked.mark(entry, node);
+    else
+        list_remove(list, node);
 }
 
 // Gives an entry its copy of the user data. The lines of a failure are the adding operation's:

@@ -1,0 +1,100 @@
+// The entries of the poller's lists with what they have beyond their public fields.
+#ifndef DM_POLLER_ENTRY_H
+#define DM_POLLER_ENTRY_H
+
+#include "base/atomic_field.h"
+#include "base/memory.h"
+#include "dm_poller.h"
+#include "poller/dm_poller_private.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace dm {
+
+class MarkedEntries;
+class TimerIndex;
+struct TimerEntry;
+
+// What both kinds of entry carry behind their common public fields.
+struct EntryTail {
+    // Of a timer: where it stands in the index. First, for a search along the deadlines reads it.
+    TimerEntry* earlier;
+    TimerEntry* later;
+    TimerEntry* parent;
+    TimerEntry* same_bucket;
+    TimerIndex* index; // null until it is in there
+
+    LIST_NODE_ST* node;    // that it is listed with
+    MarkedEntries* marked; // that it is among, or null
+    EntryTail* previous_marked;
+    EntryTail* next_marked;
+
+    POLLER_RELEASE release; // called with the user data when the entry goes, or null
+    uint64_t number;        // timers: how many were added before
+};
+
+struct FdEntry : POLLER_FD_ENTRY_ST {
+    EntryTail tail;
+};
+
+struct TimerEntry : POLLER_TIMER_ENTRY_ST {
+    EntryTail tail;
+};
+
+// One free callback serves both lists, so what it touches lies at the same place in both.
+static_assert(sizeof(FdEntry) == sizeof(TimerEntry));
+static_assert(sizeof(POLLER_FD_ENTRY_ST) == sizeof(POLLER_TIMER_ENTRY_ST));
+static_assert(offsetof(POLLER_FD_ENTRY_ST, user_data) ==
+              offsetof(POLLER_TIMER_ENTRY_ST, user_data));
+static_assert(offsetof(POLLER_FD_ENTRY_ST, removed) == offsetof(POLLER_TIMER_ENTRY_ST, removed));
+
+template<class Entry>
+bool is_marked(const Entry* entry) {
+    return std::atomic_ref(const_cast<Entry*>(entry)->removed).load() != 0;
+}
+
+// The entries of a list that are marked as removed and not yet released, so that a sweep need not
+// look for them. Guarded by the list's lock.
+class MarkedEntries {
+public:
+    MarkedEntries() = default;
+    MarkedEntries(const MarkedEntries&) = delete;
+    MarkedEntries& operator=(const MarkedEntries&) = delete;
+
+    // Without the lock it may be late.
+    bool is_empty() const { return first_.load() == nullptr; }
+    EntryTail* first() const { return first_.load(); }
+
+    template<class Entry>
+    void mark(Entry* entry, LIST_NODE_ST* node) {
+        if (std::atomic_ref(entry->removed).exchange(1) != 0)
+            return;
+        EntryTail& tail = entry->tail;
+        tail.node = node;
+        tail.marked = this;
+        tail.previous_marked = nullptr;
+        tail.next_marked = first_.load();
+        if (tail.next_marked != nullptr)
+            tail.next_marked->previous_marked = &tail;
+        first_ = &tail;
+    }
+
+    void take_out(EntryTail* tail) {
+        tail->marked = nullptr;
+        if (tail->next_marked != nullptr)
+            tail->next_marked->previous_marked = tail->previous_marked;
+        if (tail->previous_marked != nullptr)
+            tail->previous_marked->next_marked = tail->next_marked;
+        else
+            first_ = tail->next_marked;
+    }
+
+private:
+    std::atomic<EntryTail*> first_{nullptr};
+};
+
+} // namespace dm
+
+#endif
