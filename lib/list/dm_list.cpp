@@ -325,9 +325,7 @@ void list_iter_init_node(LIST_ST* list, LIST_ITER_ST* iter, LIST_NODE_ST* node) 
 }
 
 LIST_NODE_ST* list_iter_next(LIST_ITER_ST* iter) {
-    if (iter == nullptr || iter->list == nullptr)
-        return nullptr;
-    return dm::advance(iter, [](const void*) { return true; });
+    return iter != nullptr ? dm::advance(iter, [](const void*) { return true; }) : nullptr;
 }
 
 void list_iter_destroy(LIST_ITER_ST* iter) {

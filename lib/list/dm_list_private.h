@@ -58,6 +58,8 @@ inline bool leave_shared(LIST_NODE_ST* node) {
 template<class Wanted>
 LIST_NODE_ST* advance(LIST_ITER_ST* iter, Wanted wanted) {
     LIST_ST* list = iter->list;
+    if (list == nullptr)
+        return nullptr;
     LIST_NODE_ST* end = &list->sentinel;
     const ListLock lock(list);
     do {

@@ -47,20 +47,6 @@ bool is_shortage(int ret) {
     return ret == EAGAIN || ret == ENOMEM || ret == -ENOMEM;
 }
 
-// Zeroed, with the sender's reference.
-int make_record(PendingRef& made) {
-    auto block = allocate<PENDING_REQ_ST>();
-    if (!block)
-        return -ENOMEM;
-    if (const int status = zero(block.get()); status != 0) {
-        DM_LOG_ERROR_IN(msg_log, kAdd, "memset_s fail: %d\n", status);
-        return status;
-    }
-    block->refs = 1;
-    made.reset(block.release());
-    return 0;
-}
-
 int copy_request(PENDING_REQ_ST* req, const DM_ADDR_ST* addr, uint32_t addr_len,
                  const DM_DATA_ST* data) {
     req->addr = *addr;
@@ -81,7 +67,7 @@ void PendingUnref::operator()(PENDING_REQ_ST* req) const {
     if (std::atomic_ref(req->refs).fetch_sub(1) != 1)
         return;
     std::free(req->user_data);
-    std::free(req);
+    req->requests->memory_.give_back(req->block);
 }
 // NOLINTEND(clang-analyzer-unix.Malloc)
 
@@ -93,12 +79,7 @@ int __dm_pending_cmp(const void* item, const void* key) {
 
 void __dm_pending_free(void* item) {
     if (item != nullptr)
-        PendingRef(static_cast<PENDING_REQ_ST*>(item)).reset();
-}
-
-void PendingRequests::Ended::keep(PENDING_REQ_ST* req) {
-    requests_[next_] = share(req);
-    next_ = (next_ + 1) % requests_.size();
+        PendingRequests::leave_list(static_cast<PENDING_REQ_ST*>(item));
 }
 
 PendingRequests::Queue::~Queue() {
@@ -155,16 +136,11 @@ public:
     int finish(int send_result) {
         const CancellationOff whole;
         finished_ = true;
-        bool has_failed = false;
-        bool is_listed = false;
-        {
-            const std::lock_guard lock(requests_.lock_);
-            req_->sending = false;
-            has_failed = (send_result != 0 && !req_->answered) || !report_timeout();
-            is_listed = has_failed && requests_.end_locked(req_);
-        }
-        if (is_listed)
-            requests_.unlist(req_);
+        const std::lock_guard lock(requests_.lock_);
+        req_->sending = false;
+        const bool has_failed = (send_result != 0 && !req_->answered) || !report_timeout();
+        if (has_failed)
+            requests_.end(req_);
         return has_failed ? DM_ERR_SEND : 0;
     }
 
@@ -182,17 +158,12 @@ private:
 
     // What the callback works on may be gone with the thread: one that runs is awaited.
     void abandon() {
-        bool is_listed = false;
-        {
-            std::unique_lock lock(requests_.lock_);
-            req_->sending = false;
-            if (!req_->answered)
-                is_listed = requests_.end_locked(req_);
-            else if (!__poller_is_current(requests_.dm_cb_->poller))
-                requests_.service_ended_.wait(lock, [&] { return requests_.serving_ != req_; });
-        }
-        if (is_listed)
-            requests_.unlist(req_);
+        std::unique_lock lock(requests_.lock_);
+        req_->sending = false;
+        if (!req_->answered)
+            requests_.end(req_);
+        else if (!__poller_is_current(requests_.dm_cb_->poller))
+            requests_.service_ended_.wait(lock, [&] { return requests_.serving_ != req_; });
     }
 
     PendingRequests& requests_;
@@ -217,6 +188,24 @@ int PendingRequests::send(DM_INTF_ST* intf, DM_ADDR_ST* addr, uint32_t addr_len,
     return sender.finish(ret);
 }
 
+// Zeroed, with the sender's reference.
+int PendingRequests::make_record(PendingRef& made) {
+    RequestMemory::Block* block = nullptr;
+    auto* req = static_cast<PENDING_REQ_ST*>(memory_.take(block));
+    if (req == nullptr)
+        return -ENOMEM;
+    if (const int status = zero(req); status != 0) {
+        memory_.give_back(block);
+        DM_LOG_ERROR_IN(msg_log, kAdd, "memset_s fail: %d\n", status);
+        return status;
+    }
+    req->requests = this;
+    req->block = block;
+    req->refs = 1;
+    made.reset(req);
+    return 0;
+}
+
 // Makes the record of a request.
 int PendingRequests::add(DM_INTF_ST* intf, DM_ADDR_ST* addr, uint32_t addr_len,
                          const DM_DATA_ST* data, DM_MSG_HANDLER rsp_cb, const void* user_data,
@@ -227,7 +216,6 @@ int PendingRequests::add(DM_INTF_ST* intf, DM_ADDR_ST* addr, uint32_t addr_len,
     if (const int status = make_record(req); status != 0)
         return status;
     req->intf = intf;
-    req->requests = this;
     req->rsp_cb = rsp_cb;
     if (const int status = copy_request(req.get(), addr, addr_len, data); status != 0)
         return status;
@@ -248,17 +236,27 @@ int PendingRequests::add(DM_INTF_ST* intf, DM_ADDR_ST* addr, uint32_t addr_len,
 int PendingRequests::publish(PENDING_REQ_ST* req) {
     const std::lock_guard lock(lock_);
     int status = req->retry_left >= 0 ? arm_timer(req, load(req->intf->timeout_ms)) : 0;
-    if (status == 0) {
-        PendingRef listed = share(req);
-        status = list_append(dm_cb_->pending_list, req);
-        if (status == 0) {
-            static_cast<void>(listed.release()); // the list's
-            return 0;
-        }
-    }
+    if (status == 0)
+        status = enlist(req);
+    if (status == 0)
+        return 0;
     req->ended = true; // NOLINT(clang-analyzer-unix.Malloc): it does not follow the count
     poller_timer_remove(dm_cb_->poller, &req->timer);
     return status;
+}
+
+// Appends the request to the pending list, which holds a reference on it.
+int PendingRequests::enlist(PENDING_REQ_ST* req) {
+    LIST_ST* list = dm_cb_->pending_list;
+    Owned<LIST_NODE_ST> node;
+    if (const int status = make_node(list, req, node); status != 0)
+        return status;
+    static_cast<void>(share(req).release()); // the list's
+    const ListLock lock(list);
+    req->node = node.get();
+    listed_.insert(req);
+    link_behind(load(list->sentinel.prev), std::move(node));
+    return 0;
 }
 
 // Arms the request's timer, which holds a reference on it. The lock is held.
@@ -274,26 +272,33 @@ int PendingRequests::arm_timer(PENDING_REQ_ST* req, uint32_t period_ms) {
 
 // ---- ending ----
 
-// Ends a request: from here on nothing of it happens any more. False when it has ended before.
+// Ends a request, if it has not ended: from here on nothing of it happens any more. The lock is
+// held.
 //
 // The handle of the timer is valid while the lock is held and the request has one: a timer that
 // fires clears it, under the lock, before its entry can go.
-bool PendingRequests::end_locked(PENDING_REQ_ST* req) {
+void PendingRequests::end(PENDING_REQ_ST* req) {
     if (std::exchange(req->ended, true))
-        return false;
-    ended_.keep(req);
+        return;
+    memory_.count_end();
     poller_timer_remove(dm_cb_->poller, &req->timer);
     store<POLLER_TIMER_ENTRY_ST*>(req->timer, nullptr);
-    return true;
-}
-
-bool PendingRequests::end(PENDING_REQ_ST* req) {
-    const std::lock_guard lock(lock_);
-    return end_locked(req);
+    unlist(req);
 }
 
 void PendingRequests::unlist(PENDING_REQ_ST* req) {
-    list_remove_by_tag(dm_cb_->pending_list, req, __dm_pending_cmp);
+    LIST_ST* list = dm_cb_->pending_list;
+    if (list == nullptr) // the context goes
+        return;
+    const ListLock lock(list);
+    if (req->node != nullptr)
+        list_remove(list, req->node);
+}
+
+void PendingRequests::leave_list(PENDING_REQ_ST* req) {
+    req->node = nullptr;
+    req->requests->listed_.remove(req);
+    PendingRef(req).reset();
 }
 
 // True when a callback has removed the request's interface or destroyed the context.
@@ -304,10 +309,12 @@ bool PendingRequests::is_over(const PENDING_REQ_ST* req) {
 
 void PendingRequests::end_those_of(const DM_INTF_ST* intf) {
     ListWalk walk(dm_cb_->pending_list);
-    while (LIST_NODE_ST* node = walk.next()) {
-        auto* req = static_cast<PENDING_REQ_ST*>(list_to_item(node));
-        if (req->intf == intf && end(req))
-            list_remove(dm_cb_->pending_list, node);
+    const auto is_its = [intf](const void* item) {
+        return static_cast<const PENDING_REQ_ST*>(item)->intf == intf;
+    };
+    while (LIST_NODE_ST* node = walk.next_where(is_its)) {
+        const std::lock_guard lock(lock_);
+        end(static_cast<PENDING_REQ_ST*>(list_to_item(node)));
     }
 }
 
@@ -347,9 +354,9 @@ public:
     ~Service() noexcept(false) {
         if (!begun_)
             return;
-        if (cause_ == Cause::response && requests_.end(req_))
-            requests_.unlist(req_);
         const std::lock_guard lock(requests_.lock_);
+        if (cause_ == Cause::response)
+            requests_.end(req_);
         requests_.serving_ = nullptr;
         requests_.service_ended_.notify_all();
     }
@@ -364,13 +371,9 @@ private:
 };
 
 PendingRef PendingRequests::find(uint64_t req_id) {
-    ListWalk walk(dm_cb_->pending_list);
-    while (LIST_NODE_ST* node = walk.next()) {
-        auto* req = static_cast<PENDING_REQ_ST*>(list_to_item(node));
-        if (identity_of(req) == req_id)
-            return share(req);
-    }
-    return nullptr;
+    const ListLock lock(dm_cb_->pending_list);
+    PENDING_REQ_ST* req = listed_.find(req_id);
+    return req != nullptr && !is_removed(req->node) ? share(req) : nullptr;
 }
 
 void PendingRequests::answer(DM_INTF_ST* intf, DM_MSG_ST* msg) {

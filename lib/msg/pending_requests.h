@@ -2,9 +2,10 @@
 #ifndef DM_PENDING_REQUESTS_H
 #define DM_PENDING_REQUESTS_H
 
+#include "base/address_set.h"
 #include "dm_msg_intf.h"
+#include "msg/request_memory.h"
 
-#include <array>
 #include <condition_variable>
 #include <cstddef>
 #include <memory>
@@ -17,8 +18,8 @@ class PendingRequests;
 // A request that waits for its response. Its address is the request's identity on the wire.
 //
 // Each of these holds a reference: the pending list, the armed timer, the sender while it sends,
-// the poll thread while it handles a time-out or a response, its time-out while that waits for room
-// in the self-loop's pipe or is in there, and the memory of ended requests.
+// the poll thread while it handles a time-out or a response, and its time-out while that waits for
+// room in the self-loop's pipe or is in there.
 struct PENDING_REQ_ST {
     DM_INTF_ST* intf;
     DM_ADDR_ST addr;
@@ -32,7 +33,12 @@ struct PENDING_REQ_ST {
     POLLER_TIMER_ENTRY_ST* timer; // null while no timer is armed
 
     PendingRequests* requests; // stays valid when the interface is gone
+    RequestMemory::Block* block;
     uint32_t refs;
+
+    // While it is listed, guarded by the lock of the pending list.
+    LIST_NODE_ST* node;
+    PENDING_REQ_ST* same_bucket;
 
     // Guarded by the lock of `requests`.
     bool sending;   // its sender is inside send_msg: how that ends is the request's outcome
@@ -82,16 +88,21 @@ public:
     // No callback begins any more.
     void stop();
 
+    // The pending list lets a request go, with its lock held.
+    static void leave_list(PENDING_REQ_ST* req);
+
 private:
+    friend PendingUnref;
     class Sender;
     class Service;
 
+    int make_record(PendingRef& made);
     int add(DM_INTF_ST* intf, DM_ADDR_ST* addr, uint32_t addr_len, const DM_DATA_ST* data,
             DM_MSG_HANDLER rsp_cb, const void* user_data, uint32_t user_data_len, PendingRef& made);
     int publish(PENDING_REQ_ST* req);
     int arm_timer(PENDING_REQ_ST* req, uint32_t period_ms);
-    bool end(PENDING_REQ_ST* req);
-    bool end_locked(PENDING_REQ_ST* req);
+    int enlist(PENDING_REQ_ST* req);
+    void end(PENDING_REQ_ST* req);
     void unlist(PENDING_REQ_ST* req);
     bool is_over(const PENDING_REQ_ST* req);
     PendingRef find(uint64_t req_id);
@@ -105,16 +116,8 @@ private:
     void keep_waiting(PENDING_REQ_ST* req, const DM_DATA_ST& response);
     void went_into_pipe(PENDING_REQ_ST* req);
 
-    // An answer that comes after its request has ended (late, or doubled on its way) must not be
-    // taken for that of another request at the same address. So the memory of a request is not
-    // given to another one before as many others have ended as there is room here.
-    class Ended {
-    public:
-        void keep(PENDING_REQ_ST* req);
-
-    private:
-        std::array<PendingRef, 256> requests_;
-        std::size_t next_ = 0;
+    struct SameBucket {
+        static PENDING_REQ_ST*& of(PENDING_REQ_ST* req) { return req->same_bucket; }
     };
 
     // Requests in the order in which they came, with a reference on each.
@@ -139,14 +142,18 @@ private:
     };
 
     DM_CB_ST* dm_cb_;
+    RequestMemory memory_{sizeof(PENDING_REQ_ST)};
 
-    // Guards what follows up to `ended_`, and of every request its state.
+    // The listed requests, so that none is looked for along the list, which is what counts. Guarded
+    // by the list's lock.
+    AddressSet<PENDING_REQ_ST, SameBucket> listed_;
+
+    // Guards what follows up to `stopped_`, and of every request its state.
     std::mutex lock_;
     std::condition_variable service_ended_;
     const PENDING_REQ_ST* serving_ = nullptr; // the request that is timed out or answered just now
     const DM_INTF_ST* via_ = nullptr;         // the self-loop while a time-out is sent through it
     bool stopped_ = false;
-    Ended ended_;
 
     // Time-outs that wait for room in the self-loop's pipe, and those whose frame is in there:
     // their identity stays theirs until it has come out. The poll thread's own.
