@@ -57,12 +57,6 @@ void __release(LIST_NODE_ST* node, Mark mark) {
         __unlink(node);
 }
 
-// The list's own reference goes only once, however often a node is removed.
-void __remove(LIST_NODE_ST* node) {
-    if (!dm::is_removed(node))
-        __release(node, Mark::removed);
-}
-
 LIST_NODE_ST* __node_at(LIST_ST* list, int32_t position) {
     LIST_NODE_ST* node = __next(&list->sentinel);
     for (; position > 0 && node != &list->sentinel; --position)
@@ -191,6 +185,12 @@ LIST_NODE_ST* dm::ascending_place(LIST_ST* list, const void* item, LIST_COMPARE 
     return __ordered_place(list, item, compare, 1);
 }
 
+// The list's own reference goes only once, however often a node is removed.
+void dm::remove_node(LIST_NODE_ST* node) {
+    if (!is_removed(node))
+        __release(node, Mark::removed);
+}
+
 void dm::leave_node(LIST_NODE_ST* node) {
     __release(node, Mark::keep);
 }
@@ -294,7 +294,7 @@ int list_remove(LIST_ST* list, LIST_NODE_ST* node) {
     if (node == nullptr)
         return 0;
     const ListLock lock(list);
-    __remove(node);
+    dm::remove_node(node);
     return 0;
 }
 
@@ -303,7 +303,7 @@ int list_remove_by_tag(LIST_ST* list, const void* key, LIST_COMPARE compare) {
         return EINVAL;
     const ListLock lock(list);
     if (LIST_NODE_ST* node = __find(list, key, __compare_in_use(list, compare)); node != nullptr)
-        __remove(node);
+        dm::remove_node(node);
     return 0;
 }
 

@@ -30,11 +30,22 @@ inline bool is_removed(const LIST_NODE_ST* node) {
 // status of memset_s().
 int make_node(LIST_ST* list, void* item, Owned<LIST_NODE_ST>& made);
 
+// The first node that is not removed; null for none. The list is locked.
+inline LIST_NODE_ST* first_node(LIST_ST* list) {
+    LIST_NODE_ST* node = load(list->sentinel.next);
+    while (node != &list->sentinel && is_removed(node))
+        node = load(node->next);
+    return node != &list->sentinel ? node : nullptr;
+}
+
 // Links a node behind another one of its list, or behind the sentinel. The list is locked.
 void link_behind(LIST_NODE_ST* before, Owned<LIST_NODE_ST> node);
 
 // The node behind which list_insert_ascend() would link the item. The list is locked.
 LIST_NODE_ST* ascending_place(LIST_ST* list, const void* item, LIST_COMPARE compare);
+
+// What list_remove() does. The list is locked.
+void remove_node(LIST_NODE_ST* node);
 
 // Drops one reference on a node without marking it; the last one takes it out. The list is locked.
 void leave_node(LIST_NODE_ST* node);

@@ -42,12 +42,13 @@ void __answer_by_default(DM_INTF_ST* intf, DM_MSG_ST* msg) {
 } // namespace
 
 // All requests go to the handler that was registered first. Registrations live as long as their
-// context, so the walk need not stand on the node while the handler runs.
+// context, so nothing keeps the list from changing while the handler runs.
 void __dm_cmd_handle(DM_INTF_ST* intf, DM_MSG_ST* msg) {
+    LIST_ST* list = intf->dm_cb->cmd_reg_list;
     const CMD_REG_ST* reg = nullptr;
     {
-        dm::ListWalk walk(intf->dm_cb->cmd_reg_list);
-        if (LIST_NODE_ST* node = walk.next(); node != nullptr) {
+        const dm::ListLock lock(list);
+        if (LIST_NODE_ST* node = dm::first_node(list); node != nullptr) {
             reg = static_cast<const CMD_REG_ST*>(list_to_item(node));
             if (reg == nullptr) {
                 DM_LOG_ERROR(msg_log, "__dm_cmd_handle: cmd is null\n");

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdint>
 #include <mutex>
 
 extern constinit dm::SubjectLog msg_log;

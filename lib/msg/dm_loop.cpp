@@ -129,6 +129,11 @@ int __selfloop_recv(DM_INTF_ST* intf, int32_t fd, int16_t events, DM_MSG_ST* msg
     return ret == 0 ? __fill_msg(msg, tmp.get()) : ret;
 }
 
+int __on_input(int fd, int events, void* user_data, uint32_t /*user_data_len*/) {
+    return __dm_recv_all(fd, events, user_data,
+                         [](DM_INTF_ST* intf) { return __pipe_of(intf).has_next(); });
+}
+
 // ---- open and close ----
 
 // An interface under another name keeps its pipe open.
@@ -203,7 +208,7 @@ int selfloop_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_ADDR_ST* addr, const ch
     made->fd = read_end.get();
     made->wfd = write_end.get();
     new (&__pipe_of(made.get())) dm::FramePipe(made->wfd);
-    const int status = __dm_intf_register(dm_cb, std::move(made), intf);
+    const int status = __dm_intf_register(dm_cb, std::move(made), intf, __on_input);
     if (status == 0) { // they are the record's
         read_end.release();
         write_end.release();

@@ -41,6 +41,9 @@ using dm::Retired;
 
 constexpr uint32_t kDestroyWaitMs = 100;
 
+// Messages of one interface before the others and the timers have their turn.
+constexpr int kMostAtOnce = 16;
+
 // ---- the interface list ----
 
 int __dm_intf_cmp(const void* item, const void* key) {
@@ -86,35 +89,28 @@ private:
     Context* context_;
 };
 
-// Reads a message and gives it to who waits for it.
-void __receive(Context* context, DM_INTF_ST* intf, int fd, int events) {
+// Takes a message and gives it to who waits for it. False when there was none.
+bool __receive(Context* context, DM_INTF_ST* intf, int fd, int events) {
     const auto data = dm::allocate<uint8_t>(DM_MAX_DATA_LEN);
     if (!DM_CHECK_IN("__dm_recv", data != nullptr, "(data != ((void *)0))"))
-        return;
+        return false;
     if (dm::zero(data.get(), DM_MAX_DATA_LEN) != 0)
-        return;
+        return false;
     DM_ADDR_ST addr{};
     DM_MSG_ST msg{};
     msg.addr = &addr;
     msg.addr_len = sizeof(addr);
     msg.data = {DM_MAX_DATA_LEN, data.get()};
-    const Receiving receiving(context, intf);
-    if (intf->recv_msg(intf, fd, static_cast<int16_t>(events), &msg) == 0 && !context->destroyed)
-        __dm_msg_dispatch(context, intf, &msg);
+    if (intf->recv_msg(intf, fd, static_cast<int16_t>(events), &msg) != 0 || context->destroyed)
+        return false;
+    __dm_msg_dispatch(context, intf, &msg);
+    return true;
 }
 
-// The poller's callback for an interface's descriptor. The interface is valid as it begins:
-// whoever releases it takes its descriptor out of the poller before.
-int __dm_recv(int fd, int events, void* user_data, uint32_t /*user_data_len*/) {
-    DM_INTF_ST* intf = *static_cast<DM_INTF_ST**>(user_data);
-    if (intf == nullptr || intf->recv_msg == nullptr || intf->dm_cb == nullptr)
-        return 0;
-    Context* context = dm::context_of(intf->dm_cb);
-    if (context->destroyed)
-        return 0;
-    const CallbackScope scope(context);
-    __receive(context, intf, fd, events);
-    return 0;
+// True when the interface, of which a message was just taken, is to be read again.
+bool __is_read_on(Context* context, DM_INTF_ST* intf, DM_HAS_NEXT has_next) {
+    return has_next != nullptr && context->receiving == intf && !context->destroyed &&
+           __poller_callback_goes_on(context->poller) && has_next(intf);
 }
 
 bool __on_pass(void* arg) {
@@ -182,11 +178,11 @@ void __retire_unclosed(Context* context, DM_INTF_ST* record) {
 
 // Lists a record and lets the poller watch it. A record that the list refuses is the caller's, one
 // that the poller refuses is still listed.
-int __list_record(DM_CB_ST* dm_cb, DM_INTF_ST* intf, bool* is_listed) {
+int __list_record(DM_CB_ST* dm_cb, DM_INTF_ST* intf, POLLER_FD_CALLBACK on_input, bool* is_listed) {
     int status = list_append(dm_cb->intf_list, intf);
     *is_listed = status == 0;
     if (status == 0)
-        status = poller_fd_add(dm_cb->poller, intf->fd, POLLIN, __dm_recv, &intf,
+        status = poller_fd_add(dm_cb->poller, intf->fd, POLLIN, on_input, &intf,
                                static_cast<int32_t>(sizeof(intf)));
     return status;
 }
@@ -306,11 +302,33 @@ int __dm_copy_user_data(void** copy, const void* user_data, size_t len, dm::Copy
     return made.status;
 }
 
-int __dm_intf_register(DM_CB_ST* dm_cb, dm::Owned<DM_INTF_ST> intf, DM_INTF_ST** out) {
+// The interface is valid as it begins: whoever releases it takes its descriptor out of the poller
+// before.
+int __dm_recv_all(int fd, int events, void* user_data, DM_HAS_NEXT has_next) {
+    DM_INTF_ST* intf = *static_cast<DM_INTF_ST**>(user_data);
+    if (intf == nullptr || intf->recv_msg == nullptr || intf->dm_cb == nullptr)
+        return 0;
+    Context* context = dm::context_of(intf->dm_cb);
+    if (context->destroyed)
+        return 0;
+    const CallbackScope scope(context);
+    const Receiving receiving(context, intf);
+    bool is_taken = __receive(context, intf, fd, events);
+    for (int taken = 1; is_taken && taken < kMostAtOnce; ++taken)
+        is_taken = __is_read_on(context, intf, has_next) && __receive(context, intf, fd, POLLIN);
+    return 0;
+}
+
+int __dm_recv(int fd, int events, void* user_data, uint32_t /*user_data_len*/) {
+    return __dm_recv_all(fd, events, user_data, nullptr);
+}
+
+int __dm_intf_register(DM_CB_ST* dm_cb, dm::Owned<DM_INTF_ST> intf, DM_INTF_ST** out,
+                       POLLER_FD_CALLBACK on_input) {
     const dm::CancellationOff whole;
     DM_INTF_ST* record = intf.get();
     bool is_listed = false;
-    const int status = __list_record(dm_cb, record, &is_listed);
+    const int status = __list_record(dm_cb, record, on_input, &is_listed);
     if (is_listed)
         static_cast<void>(intf.release());
     if (is_listed && status != 0)
@@ -378,7 +396,7 @@ int dm_intf_register(DM_CB_ST* dm_cb, DM_INTF_ST* intf) {
     }
     const dm::CancellationOff whole;
     bool is_listed = false;
-    const int status = __list_record(dm_cb, intf, &is_listed);
+    const int status = __list_record(dm_cb, intf, __dm_recv, &is_listed);
     // The removal goes by name: of two records of one name the older one goes.
     if (is_listed && status != 0)
         __retire_first(dm::context_of(dm_cb), intf);

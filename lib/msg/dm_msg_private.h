@@ -6,14 +6,25 @@
 #include "base/log.h"
 #include "base/memory.h"
 #include "dm_msg_intf.h"
+#include "dm_poller.h"
 #include "platform_bounds.h"
 
 #include <cstring>
 
+// The poller's callback for an interface's descriptor: takes one message.
+int __dm_recv(int fd, int events, void* user_data, uint32_t user_data_len);
+
+// The same for a transport that knows whether another message waits, or that it is worth a try: its
+// messages are taken one after another without another look at all descriptors, up to a bound that
+// keeps the other interfaces and the timers fair.
+using DM_HAS_NEXT = bool (*)(DM_INTF_ST* intf);
+int __dm_recv_all(int fd, int events, void* user_data, DM_HAS_NEXT has_next);
+
 // Registers a record for a transport's init function and gives its address in `out`, which may be
 // null. The record is the context's afterwards, whatever this returns: one that is refused has been
 // released without a call of its close slot, and what it refers to is still the caller's to close.
-int __dm_intf_register(DM_CB_ST* dm_cb, dm::Owned<DM_INTF_ST> intf, DM_INTF_ST** out);
+int __dm_intf_register(DM_CB_ST* dm_cb, dm::Owned<DM_INTF_ST> intf, DM_INTF_ST** out,
+                       POLLER_FD_CALLBACK on_input = __dm_recv);
 
 // Makes the framework's copy of a caller's user data. The lines of a failure are the site's:
 // `copy_failed` is the one for a failed copy.

@@ -14,6 +14,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <utility>
+
 namespace {
 
 constinit dm::SubjectLog udp_log;
@@ -25,6 +30,37 @@ constexpr uint32_t kAdvertisedDataLen = 512;
 constexpr uint16_t kMarker = 1;
 constexpr uint8_t kSrcType = 1;
 constexpr uint32_t kSrcIndex = 1;
+
+// Whether another datagram waits behind one, only reading tells. So that is tried, and after each
+// time in vain half as often. The poll thread's own.
+class ReadOn {
+public:
+    bool is_due() {
+        is_trial_ = left_out_ >= gap_;
+        left_out_ = is_trial_ ? 0 : left_out_ + 1;
+        return is_trial_;
+    }
+    // With each receive: true when it is tried.
+    bool begins() { return std::exchange(is_trial_, false); }
+    void succeeded() { gap_ = 0; }
+    void failed() { gap_ = std::min(gap_ * 2 + 1, kWidestGap); }
+
+private:
+    static constexpr uint32_t kWidestGap = 63;
+
+    uint32_t gap_ = 0; // receives without a trial between two with one
+    uint32_t left_out_ = 0;
+    bool is_trial_ = false;
+};
+
+// An interface with what it needs for reading. The framework releases it with free(3).
+struct UdpIntf : DM_INTF_ST {
+    ReadOn read_on;
+};
+
+ReadOn& __read_on_of(DM_INTF_ST* intf) {
+    return static_cast<UdpIntf*>(intf)->read_on;
+}
 
 void __close_socket(int fd) {
     close(fd);
@@ -156,7 +192,9 @@ ssize_t __recv_datagram(int fd, DM_UDP_MSG_ST* frame, sockaddr_in* sender) {
     return received;
 }
 
-int __dm_udp_recv(DM_INTF_ST* /*intf*/, int32_t fd, int16_t events, DM_MSG_ST* msg) {
+int __dm_udp_recv(DM_INTF_ST* intf, int32_t fd, int16_t events, DM_MSG_ST* msg) {
+    ReadOn& read_on = __read_on_of(intf);
+    const bool is_trial = read_on.begins();
     const auto frame = dm::allocate<DM_UDP_MSG_ST>();
     if (!DM_CHECK(frame != nullptr, "(msg != ((void *)0))"))
         return -ENOMEM;
@@ -170,15 +208,26 @@ int __dm_udp_recv(DM_INTF_ST* /*intf*/, int32_t fd, int16_t events, DM_MSG_ST* m
     const ssize_t received = __recv_datagram(fd, frame.get(), &sender);
     if (received < 0) {
         const int code = errno;
+        if (is_trial && code == EAGAIN) {
+            read_on.failed();
+            return code;
+        }
         DM_LOG_ERROR(udp_log, "__dm_udp_recv: recvfrom fail.errno=%d\r\n", code);
         return code;
     }
+    if (is_trial)
+        read_on.succeeded();
     if (received == 0 || frame->marker != kMarker || frame->reserved1 != 0)
         return -1;
     const int ret = __dm_udp_recv_set_irecv(frame.get(), msg, &sender);
     if (ret != 0)
         DM_LOG_ERROR(udp_log, "init irecv fail ret = %d\n", ret);
     return ret;
+}
+
+int __on_input(int fd, int events, void* user_data, uint32_t /*user_data_len*/) {
+    return __dm_recv_all(fd, events, user_data,
+                         [](DM_INTF_ST* intf) { return __read_on_of(intf).is_due(); });
 }
 
 // An interface under another name keeps its socket open.
@@ -196,7 +245,7 @@ int dm_udp_init_intf(dm::Owned<DM_INTF_ST>& intf, Socket& opened, DM_DATA_HANDLE
                      DM_INTF_NAME_LEN);
         return EINVAL;
     }
-    auto made = dm::allocate<DM_INTF_ST>();
+    auto made = dm::allocate<DM_INTF_ST>(sizeof(UdpIntf));
     if (!made)
         return ENOMEM;
     if (const int status = __dm_begin_record(DM_LOG_SITE(udp_log), made.get(), name, addr);
@@ -204,6 +253,7 @@ int dm_udp_init_intf(dm::Owned<DM_INTF_ST>& intf, Socket& opened, DM_DATA_HANDLE
         return status;
     if (const int status = __dm_udp_open(opened, addr); status != 0)
         return status;
+    new (&__read_on_of(made.get())) ReadOn();
     made->fd = opened.get();
     made->wfd = opened.get();
     __dm_fill_slots(made.get(), __dm_udp_recv, __dm_udp_send, __dm_send_msg_ex<__dm_udp_send>,
@@ -241,7 +291,7 @@ int dm_udp_init(DM_INTF_ST** intf, DM_CB_ST* dm_cb, DM_DATA_HANDLER timeout_hndl
         DM_LOG_ERROR(udp_log, "init intf fail ret = %d\n", status);
         return status;
     }
-    const int status = __dm_intf_register(dm_cb, std::move(made), intf);
+    const int status = __dm_intf_register(dm_cb, std::move(made), intf, __on_input);
     if (status == 0)
         opened.release(); // the record's
     return status;

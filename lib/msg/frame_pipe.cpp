@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
+#include <mutex>
 #include <type_traits>
 #include <utility>
 
@@ -17,28 +19,53 @@ static_assert(std::is_trivially_destructible_v<FramePipe>);
 
 std::optional<int64_t> FramePipe::write(const void* frame, uint32_t size) {
     pthread_testcancel();
+    if (size <= PIPE_BUF) {
+        const std::shared_lock lock(lock_);
+        if (shut_)
+            return std::nullopt;
+        if (!has_rest_)
+            return __write_frame(frame, size);
+    }
+    return __write_alone(frame, size);
+}
+
+std::optional<int64_t> FramePipe::__write_alone(const void* frame, uint32_t size) {
     const std::lock_guard lock(lock_);
     if (shut_)
         return std::nullopt;
     __flush_locked();
     if (begin_ != end_)
         return -1;
+    return __write_frame(frame, size);
+}
+
+int64_t FramePipe::__write_frame(const void* frame, uint32_t size) {
     const int64_t written = __write(frame, size);
     if (written >= 0 && written < size)
-        __keep(static_cast<const uint8_t*>(frame), static_cast<uint32_t>(written), size);
+        __keep(frame, static_cast<uint32_t>(written), size);
     return written;
 }
 
 int64_t FramePipe::read(int fd, void* buffer, uint32_t size) {
     auto* bytes = static_cast<uint8_t*>(buffer);
-    int64_t got = mmReadFile(fd, bytes, size);
+    int64_t got = __read(fd, bytes, size);
     while (got < size && __flush_waiting()) {
         got = std::max<int64_t>(got, 0);
-        const int64_t more = mmReadFile(fd, bytes + got, size - static_cast<uint32_t>(got));
+        const int64_t more = __read(fd, bytes + got, size - static_cast<uint32_t>(got));
         if (more <= 0)
             break;
         got += more;
     }
+    return got;
+}
+
+// An empty pipe sets the count right, should a write have told of more than it did.
+int64_t FramePipe::__read(int fd, uint8_t* buffer, uint32_t size) {
+    const int64_t got = mmReadFile(fd, buffer, size);
+    if (got > 0)
+        read_ += static_cast<uint32_t>(got);
+    else
+        read_ = written_;
     return got;
 }
 
@@ -53,7 +80,7 @@ bool FramePipe::shut() {
 }
 
 bool FramePipe::is_shut() {
-    const std::lock_guard lock(lock_);
+    const std::shared_lock lock(lock_);
     return shut_;
 }
 
@@ -77,16 +104,22 @@ bool FramePipe::__flush_locked() {
 
 // A thread that is cancelled in write(2) does not learn how much of a frame the pipe took, and the
 // next frame would land in the middle of it. The pipe does not block, so this holds nobody up.
-int64_t FramePipe::__write(const void* bytes, uint32_t size) const {
+int64_t FramePipe::__write(const void* bytes, uint32_t size) {
     const CancellationOff whole;
-    return mmWriteFile(wfd_, bytes, size);
+    const int64_t written = mmWriteFile(wfd_, bytes, size);
+    if (written > 0)
+        written_ += static_cast<uint32_t>(written);
+    return written;
 }
 
-void FramePipe::__keep(const uint8_t* frame, uint32_t begin, uint32_t end) {
-    std::memcpy(rest_ + begin, frame + begin, end - begin);
+// Writers that share the lock come here only where a platform's call takes a part of what a pipe
+// takes whole. Then the first one has its rest kept.
+void FramePipe::__keep(const void* frame, uint32_t begin, uint32_t end) {
+    if (has_rest_.exchange(true))
+        return;
+    std::memcpy(rest_ + begin, static_cast<const uint8_t*>(frame) + begin, end - begin);
     begin_ = begin;
     end_ = end;
-    has_rest_ = true;
 }
 
 void close_pipe(const LogSite& site, int read_end, int write_end) {

@@ -7,13 +7,16 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <optional>
+#include <shared_mutex>
 
 namespace dm {
 
 // The writing side. A frame above the pipe's atomic size may be taken in part: the rest is kept
-// here and goes out ahead of everything else. The lock keeps writers from interleaving.
+// here and goes out ahead of everything else. The lock keeps writers from interleaving; those of
+// frames that the pipe takes whole (pipe(7): up to PIPE_BUF bytes) share it. For the thread that
+// reads has the priority of a real-time thread: the write wakes it, and it would wait for the
+// writer that it has just preempted as soon as it answers.
 //
 // Lives in records that are released with free(3): there is nothing to destroy.
 class FramePipe {
@@ -33,6 +36,9 @@ public:
     // frame follows as the reading makes room.
     int64_t read(int fd, void* buffer, uint32_t size);
 
+    // On the reading thread: true when a frame is in the pipe, or on its way.
+    bool has_next() const { return static_cast<int32_t>(written_ - read_) > 0; }
+
     // Writes what the pipe takes of the kept rest. Due after every read: the room is for the rest
     // first, and the poller then has something to wake for.
     //
@@ -46,18 +52,25 @@ public:
     bool is_shut();
 
 private:
+    std::optional<int64_t> __write_alone(const void* frame, uint32_t size);
+    int64_t __write_frame(const void* frame, uint32_t size);
     bool __flush_waiting();
     bool __flush_locked();
-    int64_t __write(const void* bytes, uint32_t size) const;
-    void __keep(const uint8_t* frame, uint32_t begin, uint32_t end);
+    int64_t __write(const void* bytes, uint32_t size);
+    int64_t __read(int fd, uint8_t* buffer, uint32_t size);
+    void __keep(const void* frame, uint32_t begin, uint32_t end);
 
     const int32_t& wfd_;
-    std::mutex lock_; // guards what follows
+    std::shared_mutex lock_; // guards what follows
     bool shut_ = false;
     uint32_t begin_ = 0; // the rest is rest_[begin_, end_)
     uint32_t end_ = 0;
     uint8_t rest_[kMaxHeaderLen + DM_MAX_DATA_LEN];
     std::atomic<bool> has_rest_{false}; // read without the lock
+
+    // Bytes that went in and that came out. They wrap around.
+    std::atomic<uint32_t> written_{0};
+    uint32_t read_ = 0;
 };
 
 // Closes both ends, the reading one first. A close that fails is logged as the caller's.

@@ -134,10 +134,12 @@ public:
     // Gives the sender's result. A request whose answer was faster than the end of a failing send
     // has had its outcome. Not left half done, for it is what the poll thread goes by.
     int finish(int send_result) {
-        const CancellationOff whole;
         finished_ = true;
         const std::lock_guard lock(requests_.lock_);
         req_->sending = false;
+        if (send_result == 0 && !req_->timed_out)
+            return 0;
+        const CancellationOff whole;
         const bool has_failed = (send_result != 0 && !req_->answered) || !report_timeout();
         if (has_failed)
             requests_.end(req_);
@@ -292,7 +294,7 @@ void PendingRequests::unlist(PENDING_REQ_ST* req) {
         return;
     const ListLock lock(list);
     if (req->node != nullptr)
-        list_remove(list, req->node);
+        remove_node(req->node);
 }
 
 void PendingRequests::leave_list(PENDING_REQ_ST* req) {

@@ -60,11 +60,6 @@ void RequestMemory::give_back(Block* block) {
     }
 }
 
-void RequestMemory::count_end() {
-    const std::lock_guard lock(lock_);
-    ++ends_;
-}
-
 bool RequestMemory::has_rested(const Block* block, uint64_t ends) const {
     return ends_ - block->back_at >= ends;
 }

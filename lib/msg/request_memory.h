@@ -2,6 +2,7 @@
 #ifndef DM_REQUEST_MEMORY_H
 #define DM_REQUEST_MEMORY_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -33,7 +34,7 @@ public:
     void give_back(Block* block);
 
     // A request has ended.
-    void count_end();
+    void count_end() { ends_.fetch_add(1, std::memory_order_relaxed); }
 
 private:
     static constexpr uint64_t kResting = 8;
@@ -46,8 +47,9 @@ private:
 
     const std::size_t record_size_;
 
+    std::atomic<uint64_t> ends_{0};
+
     std::mutex lock_; // guards what follows
-    uint64_t ends_ = 0;
     // The blocks that are not in use, in the order in which they came back. Those up to `rested_`
     // have rested; the youngest of these is the warmest.
     Block* oldest_ = nullptr;

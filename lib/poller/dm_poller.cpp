@@ -140,11 +140,10 @@ int __wait_ms(const POLLER_ST* poller, uint32_t loaded) {
     POLLER_TIMER_ENTRY_ST first{};
     {
         const dm::ListLock lock(poller->timer_list);
-        const auto* timer =
-            static_cast<const POLLER_TIMER_ENTRY_ST*>(list_first_item(poller->timer_list));
-        if (timer == nullptr)
+        LIST_NODE_ST* node = dm::first_node(poller->timer_list);
+        if (node == nullptr)
             return kIdleWaitMs;
-        first.deadline = timer->deadline;
+        first.deadline = dm::entry_of<POLLER_TIMER_ENTRY_ST>(node)->deadline;
     }
     return std::max(poller_ms_until(&first), 1);
 }
@@ -468,16 +467,15 @@ bool __poller_is_current(POLLER_ST* poller) {
 }
 
 bool __poller_sweep_removed(LIST_ST* list, dm::MarkedEntries& marked) {
-    if (marked.is_empty())
-        return false;
-    for (;;) {
+    bool has_swept = false;
+    for (; !marked.is_empty(); has_swept = true) {
         const dm::ListLock lock(list);
-        dm::EntryTail* tail = marked.first();
-        if (tail == nullptr)
-            return true;
-        marked.take_out(tail);
-        list_remove(list, tail->node);
+        if (dm::EntryTail* tail = marked.first(); tail != nullptr) {
+            marked.take_out(tail);
+            dm::remove_node(tail->node);
+        }
     }
+    return has_swept;
 }
 
 void poller_entry_free(void* entry) {

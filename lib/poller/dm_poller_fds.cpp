@@ -18,7 +18,7 @@ class Callback {
 public:
     Callback(Poller* poller, const LIST_NODE_ST* node, const POLLER_FD_ENTRY_ST* entry)
         : poller_(poller) {
-        poller_->running.store(entry);
+        poller_->running.store(entry, std::memory_order_relaxed); // the turn orders it
         poller_->callback.begin();
         allowed_ = !dm::is_marked(entry) &&
                    std::atomic_ref(const_cast<LIST_NODE_ST*>(node)->removed).load() == 0;
@@ -26,7 +26,7 @@ public:
     Callback(const Callback&) = delete;
     Callback& operator=(const Callback&) = delete;
     ~Callback() {
-        poller_->running.store(nullptr);
+        poller_->running.store(nullptr, std::memory_order_relaxed);
         poller_->callback.end();
     }
 
@@ -47,7 +47,7 @@ struct Removal {
 // already, and is seen here, or will not begin.
 uint64_t __callback_of(const Poller* poller, const POLLER_FD_ENTRY_ST* entry) {
     const uint64_t turn = poller->callback.current();
-    const bool is_its = poller->running.load() == entry;
+    const bool is_its = poller->running.load(std::memory_order_relaxed) == entry;
     return is_its && poller->callback.current() == turn ? turn : 0;
 }
 
@@ -63,7 +63,10 @@ Removal __remove_entries(Poller* poller, int fd, int events, Then then) {
         auto* entry = dm::entry_of<FdEntry>(node);
         if (poller_fd_entry_cmp(entry, &key) != 0)
             continue;
-        dm::remove_entry(poller, poller->fd_list, poller->marked_fds, entry, node);
+        {
+            const dm::ListLock lock(poller->fd_list);
+            dm::remove_entry(poller, poller->marked_fds, entry, node);
+        }
         if (then == Then::close)
             ++poller->closings;
         ++poller->fd_changes;
@@ -140,6 +143,12 @@ int __poller_fd_remove_and_wait(POLLER_ST* poller, int fd, int events) {
     if (removal.callback != 0)
         self->callback.await_end(removal.callback);
     return 0;
+}
+
+bool __poller_callback_goes_on(POLLER_ST* poller) {
+    const Poller* self = dm::private_of(poller);
+    return dm::is_running(poller) && !self->destroy_requested &&
+           !dm::is_marked(self->running.load());
 }
 
 void __poller_dispatch_fds(Poller* poller, int ready) {

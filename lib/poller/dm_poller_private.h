@@ -21,6 +21,10 @@ int __poller_timer_add_owning(POLLER_ST* poller, uint32_t interval_ms,
 // (where the notice pipe fails, it may until the wait under way ends by itself).
 int __poller_fd_remove_and_wait(POLLER_ST* poller, int fd, int events);
 
+// On the poll thread, in the callback of a descriptor: false once the callback is not wanted any
+// more, because its entry was removed or the poller is to stop.
+bool __poller_callback_goes_on(POLLER_ST* poller);
+
 // Ends the wait that the poll thread is in. At most one such notice is ever in the pipe. False when
 // it could not be given.
 bool __poller_wake(POLLER_ST* poller);

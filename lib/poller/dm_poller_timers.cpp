@@ -37,6 +37,18 @@ LIST_NODE_ST* __find(const Poller* poller, const POLLER_TIMER_ENTRY_ST* handle) 
     return list_search(poller->timer_list, handle, poller_timer_entry_cmp);
 }
 
+// True when the first timer is due or marked: there is something to do.
+bool __is_first_over(const Poller* poller) {
+    if (list_is_empty(poller->timer_list) != 0)
+        return false;
+    const dm::ListLock lock(poller->timer_list);
+    LIST_NODE_ST* node = dm::first_node(poller->timer_list);
+    if (node == nullptr)
+        return false;
+    const auto* first = dm::entry_of<POLLER_TIMER_ENTRY_ST>(node);
+    return dm::is_marked(first) || poller_ms_until(first) <= 0;
+}
+
 // Takes a timer out at the end of a scope, also when its callback ends the thread: it fires once.
 class TakenOut {
 public:
@@ -138,13 +150,12 @@ int poller_timer_remove(POLLER_ST* poller, POLLER_TIMER_ENTRY_ST* const* timer) 
     const dm::ListLock lock(poller->timer_list);
     Poller* self = dm::private_of(poller);
     if (LIST_NODE_ST* node = __find(self, handle); node != nullptr)
-        dm::remove_entry(poller, poller->timer_list, self->marked_timers,
-                         dm::entry_of<TimerEntry>(node), node);
+        dm::remove_entry(poller, self->marked_timers, dm::entry_of<TimerEntry>(node), node);
     return 0;
 }
 
 void __poller_run_timers(Poller* poller) {
-    if (list_is_empty(poller->timer_list) != 0)
+    if (!__is_first_over(poller))
         return;
     // A timer that is added from here on waits for the next pass, however short it is, so that
     // callbacks that add timers cannot hold the loop.

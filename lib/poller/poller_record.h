@@ -102,13 +102,12 @@ Entry* entry_of(LIST_NODE_ST* node) {
 // Takes an entry out of its list. While the poller runs it is only marked, for the sweep: a
 // callback may be at it.
 template<class Entry>
-void remove_entry(const POLLER_ST* poller, LIST_ST* list, MarkedEntries& marked, Entry* entry,
+void remove_entry(const POLLER_ST* poller, MarkedEntries& marked, Entry* entry,
                   LIST_NODE_ST* node) {
-    const ListLock lock(list);
     if (is_running(poller))
         marked.mark(entry, node);
     else
-        list_remove(list, node);
+        remove_node(node);
 }
 
 // Gives an entry its copy of the user data. The lines of a failure are the adding operation's:
