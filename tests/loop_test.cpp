@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <map>
@@ -159,6 +160,58 @@ TEST_F(Loop, PartTakenGoesOutAheadOfTheNextFrame) {
     EXPECT_TRUE(event.wait(3));
     support::on_write_file = nullptr;
     EXPECT_EQ(seen, (std::vector<std::string>{"first", "second", "third"}));
+}
+
+// The poll thread, which preempts the writer that woke it where it runs in real time, answers while
+// that one is still in its write.
+TEST_F(Loop, AnswersWhileTheRequestIsStillBeingWritten) {
+    Event answered;
+    MsgFunction on_answer = [&](DM_INTF_ST*, DM_MSG_ST*) { answered.set(); };
+    MsgFunction handler = [&](DM_INTF_ST* intf, DM_MSG_ST* msg) {
+        support::answer(intf, msg, "at once");
+    };
+    context_.on_request(handler);
+    intf_->set_retry(intf_, -1, 0);
+    support::on_write_file = [&, writer = pthread_self()](int fd, const void* buffer,
+                                                          uint32_t size) -> int64_t {
+        const int64_t written = write(fd, buffer, size);
+        const bool is_request = pthread_equal(pthread_self(), writer) != 0;
+        EXPECT_TRUE(!is_request || answered.wait());
+        return written;
+    };
+    EXPECT_EQ(support::send(intf_, "request", &on_answer), 0);
+    support::on_write_file = nullptr;
+}
+
+// Of messages that wait behind one another several are taken at once, but each interface has its
+// turn, and a removal does not wait for the rest.
+TEST_F(Loop, MessagesInARowAreFair) {
+    support::Transport other;
+    std::atomic<int> in_a_row = 0, most = 0;
+    Event turns, handled;
+    other.recv = [&](DM_INTF_ST*, DM_MSG_ST*) {
+        most = std::max(most.load(), in_a_row.exchange(0));
+        turns.set();
+        return -1;
+    };
+    MsgFunction handler = [&](DM_INTF_ST* intf, DM_MSG_ST*) {
+        ++in_a_row;
+        support::send(intf, "another");
+        handled.set();
+    };
+    intf_->set_retry(intf_, -1, 0);
+    context_.on_request(handler);
+    DM_INTF_ST* others = other.add(context_, "other");
+    other.wake();
+    EXPECT_EQ(support::send(intf_, "one"), 0);
+    EXPECT_TRUE(turns.wait(100));
+    EXPECT_GT(most, 1);
+    EXPECT_LE(most, 16);
+    EXPECT_EQ(dm_intf_deregister(intf_), 0);
+    const int count = handled.count();
+    EXPECT_TRUE(turns.wait(turns.count() + 2));
+    EXPECT_EQ(handled.count(), count);
+    EXPECT_EQ(dm_intf_deregister(others), 0);
 }
 
 } // namespace

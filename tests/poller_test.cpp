@@ -1,5 +1,6 @@
 #include "dm_poller.h"
 
+#include "platform_adapter.h"
 #include "support/framework.h"
 #include "support/platform_hooks.h"
 #include "support/threads.h"
@@ -11,8 +12,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <map>
 #include <memory>
+#include <optional>
+#include <random>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -22,6 +27,9 @@ using support::Fault;
 
 using FdFunction = std::function<void(int fd, int events)>;
 using TimerFunction = std::function<void(uint32_t interval_ms, int32_t elapsed_ms)>;
+
+// What the clock shows, while no poll thread runs.
+std::optional<MM_TIMESPEC_ST> stopped_clock;
 
 int call_fd(int fd, int events, void* user_data, uint32_t /*len*/) {
     (**static_cast<FdFunction**>(user_data))(fd, events);
@@ -159,6 +167,51 @@ TEST_F(PollerTest, FiresTimersInTheOrderOfTheirDeadlines) {
 }
 
 // Timers that always add the next one must leave the loop its descriptors.
+// However they come and go, the list has them by their deadlines, and those of one deadline in the
+// order in which they came; also one that was put into the list by hand.
+TEST_F(PollerTest, KeepsTimersInOrder) {
+    std::mt19937 random(7);
+    std::vector<POLLER_TIMER_ENTRY_ST*> armed;
+    std::map<POLLER_TIMER_ENTRY_ST*, int> number;
+    const auto removes_one = [&](size_t at) {
+        std::swap(armed[at], armed.back());
+        EXPECT_EQ(poller_timer_remove(poller_, &armed.back()), 0);
+        armed.pop_back();
+    };
+    stopped_clock = MM_TIMESPEC_ST{1000, 0};
+    for (int i = 0; i < 3000; ++i) {
+        POLLER_TIMER_ENTRY_ST* made = nullptr;
+        const auto interval_ms = static_cast<uint32_t>(random() % 40 * 100);
+        if (i % 1000 == 500) {
+            ASSERT_EQ(poller_timer_init_entry(&made, interval_ms, nullptr), 0);
+            list_insert_ascend(poller_->timer_list, made, poller_timer_deadline_cmp);
+        } else {
+            ASSERT_EQ(poller_timer_add(poller_, interval_ms, nullptr, nullptr, 1, &made), 0);
+        }
+        armed.push_back(made);
+        number[made] = i;
+        if (random() % 3 != 0)
+            removes_one(random() % armed.size());
+    }
+    stopped_clock = std::nullopt;
+    std::vector<POLLER_TIMER_ENTRY_ST*> listed;
+    const auto note = [](void* item, void* to, uint32_t) {
+        static_cast<std::vector<POLLER_TIMER_ENTRY_ST*>*>(to)->push_back(
+            static_cast<POLLER_TIMER_ENTRY_ST*>(item));
+    };
+    list_iterate(poller_->timer_list, note, &listed, 0);
+    std::ranges::sort(armed, [&](auto* a, auto* b) {
+        const int order = poller_time_cmp(&a->deadline, &b->deadline);
+        return order != 0 ? order < 0 : number[a] < number[b];
+    });
+    EXPECT_EQ(listed, armed);
+    POLLER_TIMER_ENTRY_ST* stale = armed.front();
+    while (!armed.empty())
+        removes_one(random() % armed.size());
+    EXPECT_EQ(poller_timer_remove(poller_, &stale), 0);
+    EXPECT_EQ(list_size(poller_->timer_list), 0U);
+}
+
 TEST_F(PollerTest, TimerThatReArmsItselfDoesNotHoldTheLoop) {
     TimerFunction again = [&, poller = poller_](uint32_t, int32_t) {
         TimerFunction* pointer = &again;
@@ -401,3 +454,9 @@ TEST(PollerTime, CarriesAndBorrows) {
 }
 
 } // namespace
+
+MM_TIMESPEC_ST mmGetTickCount() {
+    static auto* const real =
+        reinterpret_cast<decltype(&mmGetTickCount)>(dlsym(RTLD_NEXT, "mmGetTickCount"));
+    return stopped_clock ? *stopped_clock : real();
+}

@@ -114,6 +114,33 @@ TEST_F(Udp, AnswersRequestsAndDropsMalformedDatagrams) {
     EXPECT_EQ(lengths, (std::vector<uint16_t>{5000, 3, 6}));
 }
 
+// Datagrams that wait behind one another are read in a row. That there is none any more is no
+// error.
+TEST_F(Udp, ReadsOnWhileThereAreMore) {
+    constexpr int kRequests = 100;
+    Event handled, go, answered;
+    MsgFunction handler = [&](DM_INTF_ST* intf, DM_MSG_ST* msg) {
+        handled.set();
+        EXPECT_TRUE(go.wait());
+        support::answer(intf, msg, "answer");
+    };
+    MsgFunction on_response = [&](DM_INTF_ST*, DM_MSG_ST*) { answered.set(); };
+    context_.on_request(handler);
+    const int room = 4 << 20;
+    setsockopt(intf_->fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof(room));
+    for (int round = 1; round <= 3; ++round) {
+        const int window = kRequests / 10 * round;
+        go.reset();
+        const int before = answered.count();
+        for (int i = 0; i < window; ++i)
+            ASSERT_EQ(support::send(intf_, "request", &on_response, udp_addr(port_)), 0);
+        ASSERT_TRUE(handled.wait());
+        go.set();
+        EXPECT_TRUE(answered.wait(before + window));
+    }
+    EXPECT_EQ(support::lines_of('E'), std::vector<std::string>{});
+}
+
 TEST_F(Udp, ChecksItsArguments) {
     const auto init = [&](DM_ADDR_ST addr, const char* name, uint32_t name_len) {
         return dm_udp_init(nullptr, context_.get(), nullptr, &addr, name, name_len);
