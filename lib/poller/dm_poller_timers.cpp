@@ -37,16 +37,18 @@ LIST_NODE_ST* __find(const Poller* poller, const POLLER_TIMER_ENTRY_ST* handle) 
     return list_search(poller->timer_list, handle, poller_timer_entry_cmp);
 }
 
-// True when the first timer is due or marked: there is something to do.
-bool __is_first_over(const Poller* poller) {
+// Removes the marked timers at the head of the list. True when the first one behind them is due.
+bool __clear_head(const Poller* poller) {
     if (list_is_empty(poller->timer_list) != 0)
         return false;
     const dm::ListLock lock(poller->timer_list);
-    LIST_NODE_ST* node = dm::first_node(poller->timer_list);
-    if (node == nullptr)
-        return false;
-    const auto* first = dm::entry_of<POLLER_TIMER_ENTRY_ST>(node);
-    return dm::is_marked(first) || poller_ms_until(first) <= 0;
+    while (LIST_NODE_ST* node = dm::first_node(poller->timer_list)) {
+        const auto* first = dm::entry_of<POLLER_TIMER_ENTRY_ST>(node);
+        if (!dm::is_marked(first))
+            return poller_ms_until(first) <= 0;
+        dm::remove_node(node);
+    }
+    return false;
 }
 
 // Takes a timer out at the end of a scope, also when its callback ends the thread: it fires once.
@@ -155,7 +157,7 @@ int poller_timer_remove(POLLER_ST* poller, POLLER_TIMER_ENTRY_ST* const* timer) 
 }
 
 void __poller_run_timers(Poller* poller) {
-    if (!__is_first_over(poller))
+    if (!__clear_head(poller))
         return;
     // A timer that is added from here on waits for the next pass, however short it is, so that
     // callbacks that add timers cannot hold the loop.
