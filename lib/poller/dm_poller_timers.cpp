@@ -23,10 +23,10 @@ bool __is_index_whole(const Poller* poller) {
 // Puts a timer into the index. Gives the node behind which the list has it.
 LIST_NODE_ST* __place(Poller* poller, TimerEntry* timer) {
     const bool is_whole = __is_index_whole(poller);
-    const TimerEntry* before = poller->timer_index.insert(timer);
-    if (!is_whole)
+    LIST_NODE_ST* before = nullptr;
+    if (!poller->timer_index.insert(timer, before) || !is_whole)
         return dm::ascending_place(poller->timer_list, timer, poller_timer_deadline_cmp);
-    return before != nullptr ? before->tail.node : &poller->timer_list->sentinel;
+    return before != nullptr ? before : &poller->timer_list->sentinel;
 }
 
 LIST_NODE_ST* __find(const Poller* poller, const POLLER_TIMER_ENTRY_ST* handle) {
@@ -37,18 +37,32 @@ LIST_NODE_ST* __find(const Poller* poller, const POLLER_TIMER_ENTRY_ST* handle) 
     return list_search(poller->timer_list, handle, poller_timer_entry_cmp);
 }
 
-// Removes the marked timers at the head of the list. True when the first one behind them is due.
-bool __clear_head(const Poller* poller) {
+POLLER_TIME_ST __now() {
+    const MM_TIMESPEC_ST tick = mmGetTickCount();
+    return {tick.tv_sec, tick.tv_nsec};
+}
+
+// Removes the marked timers at the head of the list. True when the first one behind them is due
+// `now`, which is set.
+bool __clear_head(const Poller* poller, POLLER_TIME_ST& now) {
     if (list_is_empty(poller->timer_list) != 0)
         return false;
     const dm::ListLock lock(poller->timer_list);
     while (LIST_NODE_ST* node = dm::first_node(poller->timer_list)) {
         const auto* first = dm::entry_of<POLLER_TIMER_ENTRY_ST>(node);
-        if (!dm::is_marked(first))
-            return poller_ms_until(first) <= 0;
+        if (!dm::is_marked(first)) {
+            now = __now();
+            return poller_time_diff_ms(nullptr, &first->deadline, &now) <= 0;
+        }
         dm::remove_node(node);
     }
     return false;
+}
+
+// As poller_ms_until(). The clock is not asked again for what was over when it was asked last.
+int32_t __ms_until(const POLLER_TIMER_ENTRY_ST* timer, const POLLER_TIME_ST& now) {
+    const bool was_over = poller_time_cmp(&timer->deadline, &now) <= 0;
+    return was_over ? poller_time_diff_ms(nullptr, &timer->deadline, &now) : poller_ms_until(timer);
 }
 
 // Takes a timer out at the end of a scope, also when its callback ends the thread: it fires once.
@@ -100,13 +114,13 @@ int __add(POLLER_ST* poller, uint32_t interval_ms, POLLER_TIMER_CALLBACK callbac
     Poller* self = dm::private_of(poller);
     timer_entry->tail.node = node.get();
     timer_entry->tail.release = release;
-    timer_entry->tail.number = self->timers_added.fetch_add(1);
     // The handle is stored before the timer can fire, so that no late store brings back a handle
     // that is dead by then.
     if (timer != nullptr)
         dm::store(*timer, made);
     static_cast<void>(entry.release()); // it is the list's from here on
     const dm::ListLock lock(poller->timer_list);
+    timer_entry->tail.number = self->timers_added++;
     dm::link_behind(__place(self, timer_entry), std::move(node));
     return 0;
 }
@@ -122,8 +136,7 @@ int poller_timer_init_entry(POLLER_TIMER_ENTRY_ST** entry, uint32_t interval_ms,
         DM_LOG_ERROR(poller_log, "entry memset fail!\n");
         return status;
     }
-    const MM_TIMESPEC_ST tick = mmGetTickCount();
-    const POLLER_TIME_ST now{tick.tv_sec, tick.tv_nsec};
+    const POLLER_TIME_ST now = __now();
     poller_time_add_ms(&made->deadline, &now, static_cast<int32_t>(interval_ms));
     made->interval_ms = interval_ms;
     made->callback = callback;
@@ -157,7 +170,8 @@ int poller_timer_remove(POLLER_ST* poller, POLLER_TIMER_ENTRY_ST* const* timer) 
 }
 
 void __poller_run_timers(Poller* poller) {
-    if (!__clear_head(poller))
+    POLLER_TIME_ST now;
+    if (!__clear_head(poller, now))
         return;
     // A timer that is added from here on waits for the next pass, however short it is, so that
     // callbacks that add timers cannot hold the loop.
@@ -169,7 +183,7 @@ void __poller_run_timers(Poller* poller) {
             list_remove(poller->timer_list, node);
             continue;
         }
-        const int32_t left_ms = poller_ms_until(entry);
+        const int32_t left_ms = __ms_until(entry, now);
         if (left_ms > 0)
             break;
         if (entry->tail.number >= added_before)

@@ -19,20 +19,19 @@ struct TimerEntry;
 
 // What both kinds of entry carry behind their common public fields.
 struct EntryTail {
-    // Of a timer: where it stands in the index. First, for a search along the deadlines reads it.
-    TimerEntry* earlier;
-    TimerEntry* later;
-    TimerEntry* parent;
-    TimerEntry* same_bucket;
-    TimerIndex* index; // null until it is in there
+    LIST_NODE_ST* node; // that it is listed with
 
-    LIST_NODE_ST* node;    // that it is listed with
     MarkedEntries* marked; // that it is among, or null
     EntryTail* previous_marked;
     EntryTail* next_marked;
 
+    // Of a timer.
+    TimerIndex* index; // that it is in, or null
+    TimerEntry* same_bucket;
+    int64_t due;     // nanoseconds, its deadline
+    uint64_t number; // how many were added before
+
     POLLER_RELEASE release; // called with the user data when the entry goes, or null
-    uint64_t number;        // timers: how many were added before
 };
 
 struct FdEntry : POLLER_FD_ENTRY_ST {
@@ -53,6 +52,11 @@ static_assert(offsetof(POLLER_FD_ENTRY_ST, removed) == offsetof(POLLER_TIMER_ENT
 template<class Entry>
 bool is_marked(const Entry* entry) {
     return std::atomic_ref(const_cast<Entry*>(entry)->removed).load() != 0;
+}
+
+template<class Entry>
+Entry* entry_of(LIST_NODE_ST* node) {
+    return static_cast<Entry*>(list_to_item(node));
 }
 
 // The entries of a list that are marked as removed and not yet released, so that a sweep need not

@@ -94,11 +94,6 @@ inline bool is_running(const POLLER_ST* poller) {
     return load(poller->state) == POLLER_RUN;
 }
 
-template<class Entry>
-Entry* entry_of(LIST_NODE_ST* node) {
-    return static_cast<Entry*>(list_to_item(node));
-}
-
 // Takes an entry out of its list. While the poller runs it is only marked, for the sweep: a
 // callback may be at it.
 template<class Entry>

@@ -3,7 +3,7 @@
 #define DM_TIMER_INDEX_H
 
 #include "base/address_set.h"
-#include "poller/entry.h"
+#include "poller/sorted_timers.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -11,18 +11,10 @@
 namespace dm {
 
 // Lies beside the sorted list of timers, so that neither a handle nor a place is looked for along
-// it. It knows those that poller_timer_add() has listed, each until its entry is released; the list
-// is what counts. Guarded by the list's lock.
-//
-// The places are a treap: a search tree by deadline that is a heap of priorities, too. These look
-// random, so the tree is balanced whatever comes. A timer that comes last or goes first costs the
-// same however many there are, and where one interval is in use all of them do.
+// it. The list is what counts: a timer that is not in here is found there. Guarded by the list's
+// lock.
 class TimerIndex {
 public:
-    TimerIndex() = default;
-    TimerIndex(const TimerIndex&) = delete;
-    TimerIndex& operator=(const TimerIndex&) = delete;
-
     std::size_t size() const { return handles_.size(); }
 
     // Null when there is no timer of that handle, which may be stale.
@@ -30,23 +22,29 @@ public:
         return handles_.find(reinterpret_cast<uintptr_t>(handle));
     }
 
-    // Gives the timer that comes just before the new one: the last of those that are due at the
-    // same time or before. Null when there is none.
-    TimerEntry* insert(TimerEntry* timer);
-    void remove(TimerEntry* timer);
+    // Takes a timer in, and gives the one behind which it comes. False, with nothing done, when
+    // SortedTimers cannot have it.
+    bool insert(TimerEntry* timer, LIST_NODE_ST*& before) {
+        if (!sorted_.insert(timer, before))
+            return false;
+        handles_.insert(timer);
+        timer->tail.index = this;
+        return true;
+    }
+
+    void remove(TimerEntry* timer) {
+        sorted_.remove(timer);
+        handles_.remove(timer);
+        timer->tail.index = nullptr;
+    }
 
 private:
     struct SameBucket {
         static TimerEntry*& of(TimerEntry* timer) { return timer->tail.same_bucket; }
     };
 
-    TimerEntry* attach(TimerEntry* timer);
-    void replace(const TimerEntry* timer, TimerEntry* other);
-    void rise(TimerEntry* timer);
-
     AddressSet<TimerEntry, SameBucket> handles_;
-    TimerEntry* root_ = nullptr;
-    TimerEntry* last_ = nullptr; // in the order of deadlines
+    SortedTimers sorted_;
 };
 
 } // namespace dm
