@@ -2,13 +2,12 @@
 // a new table, put again and removed. Tags are not looked up and removed in the order of storing.
 #include "hash_table.h"
 
-#include "support/cpu_time.h"
-#include "support/ratio_reporter.h"
+#include "support/measure.h"
+#include "support/runner.h"
 
 #include <glib.h>
 
 #include <algorithm>
-#include <cmath>
 #include <optional>
 #include <random>
 
@@ -67,7 +66,7 @@ void run(benchmark::State& state, Prepare prepare, Step step) {
     fill();
     for ([[maybe_unused]] auto iteration : state) {
         prepare(table, fill);
-        bench::time_iteration(state, [&] {
+        bench::time_iteration(state, state.range(0), [&] {
             for (const std::string& tag : shuffled)
                 step(*table, tag.c_str());
         });
@@ -101,9 +100,9 @@ void remove(benchmark::State& state) {
 
 #define SIDE(side, operation, name, count) \
     BENCHMARK_TEMPLATE(operation, side)->Name(name)->Arg(count)->UseManualTime()
-#define PAIR(operation, count)                              \
-    SIDE(Library, operation, #operation "/" #count, count); \
-    SIDE(Peer, operation, #operation "/" #count "/GLib", count)
+#define PAIR(operation, count)                                      \
+    SIDE(Peer, operation, #operation " of " #count "/GLib", count); \
+    SIDE(Library, operation, #operation " of " #count "/library", count)
 #define PAIRS(operation)   \
     PAIR(operation, 100);  \
     PAIR(operation, 1000); \
@@ -117,14 +116,15 @@ PAIRS(remove);
 } // namespace
 
 int main(int argc, char** argv) {
-    std::vector<bench::Ratio> ratios;
+    std::vector<bench::Target> targets;
     for (const std::string operation : {"get", "put", "put_again", "remove"}) {
         for (int tag_count : {100, 1000, 10000}) {
-            const std::string name = operation + "/" + std::to_string(tag_count);
+            const std::string work = operation + " of " + std::to_string(tag_count);
             // Past some thousand tags the chains are long, while the peer's table grows.
-            const double at_most = tag_count <= 1000 ? 1 : HUGE_VAL;
-            ratios.push_back({name + " against GLib", name, name + "/GLib", at_most});
+            const auto at_most = tag_count <= 1000 ? std::optional<double>(1) : std::nullopt;
+            targets.push_back(
+                {work + ", against GLib", work + "/library", work + "/GLib", at_most});
         }
     }
-    return bench::run(argc, argv, ratios);
+    return bench::run(argc, argv, targets);
 }

@@ -1,9 +1,9 @@
 // Answering requests in the order in which they were sent, with few and with many outstanding.
 #include "dm_msg_intf.h"
 
-#include "support/ratio_reporter.h"
+#include "support/measure.h"
+#include "support/runner.h"
 
-#include <benchmark/benchmark.h>
 #include <semaphore.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -91,21 +91,18 @@ void answer_in_order(benchmark::State& state, int outstanding) {
             std::abort();
     // Replaces every request once, so that all memory has been touched by the poll thread.
     answer(peer, outstanding);
-    for (auto _ : state)
-        answer(peer, kAnswers);
+    bench::measure(state, kAnswers, [&] { answer(peer, kAnswers); });
     dm_destroy(dm_cb);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    for (const auto& [name, count] :
-         {std::pair{"outstanding_1", 1}, std::pair{"outstanding_10000", 10000}})
-        benchmark::RegisterBenchmark(name, answer_in_order, count)
-            ->UseRealTime()
-            ->Unit(benchmark::kMicrosecond);
-    std::printf("Times are of %d answers.\n", kAnswers);
+    const std::string work = "answer in order";
+    for (const auto& [system, count] : {std::pair{"1 outstanding", 1}, std::pair{"10,000", 10000}})
+        bench::add(work, system,
+                   [count = count](benchmark::State& state) { answer_in_order(state, count); });
     return bench::run(argc, argv,
-                      {{"answer in order, 10,000 requests outstanding against 1",
-                        "outstanding_10000", "outstanding_1", 1.3}});
+                      {{work + ", 10,000 requests outstanding against 1", work + "/10,000",
+                        work + "/1 outstanding", 1.3}});
 }
