@@ -28,7 +28,13 @@ struct Samples {
     std::string name;
     std::vector<double> processor;
     std::vector<double> wall;
+    std::string why_skipped;
 };
+
+std::vector<LeftOut>& left_out() {
+    static std::vector<LeftOut> rows;
+    return rows;
+}
 
 class Collector : public benchmark::BenchmarkReporter {
 public:
@@ -45,8 +51,13 @@ public:
         std::vector<Row> rows;
         for (const Samples& of : samples_) {
             const size_t slash = of.name.rfind('/');
-            rows.push_back({of.name.substr(0, slash), of.name.substr(slash + 1),
-                            spread_of(of.processor), spread_of(of.wall), of.processor.size()});
+            const std::string work = of.name.substr(0, slash);
+            const std::string system = of.name.substr(slash + 1);
+            if (of.why_skipped.empty())
+                rows.push_back({work, system, spread_of(of.processor), spread_of(of.wall),
+                                of.processor.size()});
+            else
+                left_out().push_back({work, system, of.why_skipped});
         }
         return rows;
     }
@@ -55,6 +66,10 @@ private:
     void take(const Run& run) {
         constexpr double nanoseconds = 1e9;
         Samples& samples = samples_of(run.family_index, run.run_name.function_name);
+        if (run.error_occurred) {
+            samples.why_skipped = run.error_message;
+            return;
+        }
         const double unit = nanoseconds / run.counters.at(kOperations);
         samples.processor.push_back(run.real_accumulated_time * unit);
         samples.wall.push_back(run.counters.at(kWallSeconds) * unit);
@@ -63,16 +78,11 @@ private:
     Samples& samples_of(int64_t number, const std::string& name) {
         const auto found = std::ranges::find(samples_, number, &Samples::number);
         return found != samples_.end() ? *found
-                                       : samples_.emplace_back(Samples{number, name, {}, {}});
+                                       : samples_.emplace_back(Samples{number, name, {}, {}, {}});
     }
 
     std::vector<Samples> samples_;
 };
-
-std::vector<LeftOut>& left_out() {
-    static std::vector<LeftOut> rows;
-    return rows;
-}
 
 // Where the scheduler puts two threads that wake each other decides more than what they do: on one
 // processor all systems pay for their work, and for the same switches.
@@ -116,9 +126,9 @@ bool initialize(const std::string& program, const Options& options) {
 
 } // namespace
 
-void add(const std::string& work, const std::string& system,
-         std::function<void(benchmark::State&)> function) {
-    benchmark::RegisterBenchmark((work + "/" + system).c_str(), std::move(function))
+benchmark::internal::Benchmark* add(const std::string& work, const std::string& system,
+                                    std::function<void(benchmark::State&)> function) {
+    return benchmark::RegisterBenchmark((work + "/" + system).c_str(), std::move(function))
         ->UseManualTime();
 }
 

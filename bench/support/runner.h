@@ -23,9 +23,9 @@ struct Target {
 };
 
 // Registers a system's way of doing a work, under a name without a slash. The function calls
-// bench::measure().
-void add(const std::string& work, const std::string& system,
-         std::function<void(benchmark::State&)> function);
+// bench::measure(). Gives the registration, for what else is to be said of it.
+benchmark::internal::Benchmark* add(const std::string& work, const std::string& system,
+                                    std::function<void(benchmark::State&)> function);
 
 // Notes that a work is not measured with a system, and why.
 void leave_out(const std::string& work, const std::string& system, const std::string& why);
