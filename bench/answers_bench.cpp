@@ -164,49 +164,32 @@ void answer(benchmark::State& state, size_t outstanding, Order order) {
     bench::measure(state, kAnswers, [&] { side.answer(kAnswers); });
 }
 
-struct Case {
-    size_t outstanding;
-    Order order;
-    std::string work;
-};
-
-// A single request has but one order.
-std::vector<Case> make_cases() {
-    std::vector<Case> cases;
-    for (const auto& [outstanding, number] :
-         {std::pair{1, "1"}, {100, "100"}, {10000, "10,000"}, {100000, "100,000"}}) {
-        const auto add = [&, count = static_cast<size_t>(outstanding)](Order order,
-                                                                       const char* how) {
-            cases.push_back({count, order, std::string(number) + " outstanding, " + how});
-        };
-        add(Order::sent, "answered in order");
-        if (outstanding > 1) {
-            add(Order::reversed, "answered in reverse");
-            add(Order::random, "answered at random");
-        }
-        add(Order::unknown, "answers for none of them");
-    }
-    return cases;
+std::string work(size_t outstanding, Order order) {
+    static constexpr const char* texts[] = {"in order", "in reverse", "at random",
+                                            "for none of them"};
+    return "answer " + std::string(texts[static_cast<size_t>(order)]) +
+           ", outstanding: " + std::to_string(outstanding);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    const std::vector<Case> cases = make_cases();
+    constexpr const char* floor = "hash map on a bare loop";
+    const std::string one_in_order = work(1, Order::sent) + "/library";
     std::vector<bench::Target> targets;
-    for (const Case& each : cases) {
-        const auto add = [&](const char* side, auto function) {
-            bench::add(each.work, side, [function, each](benchmark::State& state) {
-                function(state, each.outstanding, each.order);
-            });
-        };
-        add("hash map", answer<HashMap>);
-        add("library", answer<Library>);
-        const std::string measured = each.work + "/library";
-        targets.push_back(
-            {each.work + ", against the hash map", measured, each.work + "/hash map", 2.5});
-        targets.push_back(
-            {each.work + ", against one in order", measured, cases.front().work + "/library", 1.5});
-    }
+    for (const Order order : {Order::sent, Order::reversed, Order::random, Order::unknown})
+        for (const size_t outstanding : {1, 100, 10000, 100000}) {
+            const std::string name = work(outstanding, order);
+            const auto add = [&](const char* system, auto function) {
+                bench::add(name, system,
+                           [=](benchmark::State& state) { function(state, outstanding, order); });
+            };
+            add(floor, answer<HashMap>);
+            add("library", answer<Library>);
+            targets.push_back({name + ": library against the hash map", name + "/library",
+                               name + "/" + floor, 2.5});
+            targets.push_back({name + ": library against the only one that is outstanding",
+                               name + "/library", one_in_order, 1.5});
+        }
     return bench::run(argc, argv, targets);
 }

@@ -15,7 +15,7 @@ function(dm_find_peer name module)
 endfunction()
 
 dm_find_peer(libuv libuv)
-dm_find_peer(libevent libevent_core)
+dm_find_peer(libevent libevent_pthreads)
 dm_find_peer(GLib glib-2.0)
 dm_find_peer(sd-event libsystemd)
 dm_find_peer(ZeroMQ libzmq)

@@ -146,6 +146,7 @@ int run(int argc, char** argv, const std::vector<Target>& targets) {
     Collector collector;
     benchmark::RunSpecifiedBenchmarks(&collector);
     Results results = {program, collector.rows(), left_out(), {}};
+    results.group();
     results.judge(targets);
     results.print();
     if (!options.json.empty() && !results.write_json(options.json)) {

@@ -3,12 +3,12 @@
 
 #include "dm_poller.h"
 #include "support/require.h"
+#include "support/signal.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <semaphore>
 
 namespace bench {
 
@@ -27,7 +27,7 @@ public:
     void run(int64_t count) {
         left_ = count;
         require(eventfd_write(fd_, 1) == 0, "eventfd_write");
-        done_.acquire();
+        done_.await();
     }
 
     // Called on the loop's thread as a turn begins. False when the batch is over, with all that the
@@ -37,7 +37,7 @@ public:
             return true;
         eventfd_t value = 0;
         require(eventfd_read(fd_, &value) == 0, "eventfd_read");
-        done_.release();
+        done_.give();
         return false;
     }
 
@@ -56,7 +56,7 @@ private:
 
     int fd_ = eventfd(0, EFD_NONBLOCK);
     int64_t left_ = 0;
-    std::binary_semaphore done_{0};
+    Signal done_;
 };
 
 } // namespace bench
