@@ -118,6 +118,9 @@ void fire(benchmark::State& state, MakeTimers make, size_t count) {
 } // namespace
 
 void add(const std::string& name, MakeTimers make) {
+    // So many a repetition, for what is not timed may take far longer than what is.
+    constexpr int batches = 10;
+    constexpr int firings = 5;
     for (const Intervals kind : {Intervals::equal, Intervals::random})
         for (const size_t armed : kArmed) {
             const auto add_step = [&](const std::string& work, auto step) {
@@ -127,16 +130,15 @@ void add(const std::string& name, MakeTimers make) {
                         state.SkipWithError("it took seconds to make them ready");
                     else
                         step(state, standing);
-                });
+                })->Iterations(batches);
             };
             add_step(arming(armed, kind), arm);
             add_step(cancelling(armed, kind), cancel);
         }
-    constexpr int iterations = 5; // are enough, and in each the timers are waited for
     for (const size_t due : kDue)
         bench::add(firing(due), name, [=](benchmark::State& state) {
             fire(state, make, due);
-        })->Iterations(iterations);
+        })->Iterations(firings);
 }
 
 } // namespace timers
