@@ -2,15 +2,14 @@
 // sockets with a thread for each session.
 #include "dm_hdc.h"
 
-#include "support/ratio_reporter.h"
-
-#include <benchmark/benchmark.h>
+#include "support/measure.h"
+#include "support/require.h"
+#include "support/runner.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -20,14 +19,10 @@
 
 namespace {
 
-constexpr std::size_t kPayload = 64;
+using bench::require;
 
-void require(bool condition, const char* what) {
-    if (condition)
-        return;
-    std::perror(what);
-    std::exit(2);
-}
+constexpr int kExchanges = 50; // of one batch
+constexpr std::size_t kPayload = 64;
 
 // The directory of both sides' sockets.
 class Directory {
@@ -149,17 +144,18 @@ template<class Side>
 void exchange(benchmark::State& state) {
     static Side& side = *new Side;
     char payload[kPayload] = {};
-    for ([[maybe_unused]] auto iteration : state)
-        side.exchange(payload);
+    bench::measure(state, kExchanges, [&] {
+        for (int i = 0; i < kExchanges; ++i)
+            side.exchange(payload);
+    });
 }
-
-BENCHMARK(exchange<Framework>)->Name("hdc/framework")->UseRealTime();
-BENCHMARK(exchange<Bare>)->Name("hdc/bare")->UseRealTime();
 
 } // namespace
 
 int main(int argc, char** argv) {
-    return bench::run(
-        argc, argv,
-        {{"HDC exchange, framework against bare sockets", "hdc/framework", "hdc/bare", 1.3}});
+    bench::add("HDC exchange", "bare sockets", exchange<Bare>);
+    bench::add("HDC exchange", "library", exchange<Framework>);
+    return bench::run(argc, argv,
+                      {{"HDC exchange, library against bare sockets", "HDC exchange/library",
+                        "HDC exchange/bare sockets", 1.3}});
 }

@@ -2,12 +2,12 @@
 // same allocation and copies.
 #include "ipmi_v_queue.h"
 
-#include "support/cpu_time.h"
-#include "support/ratio_reporter.h"
+#include "support/measure.h"
+#include "support/require.h"
+#include "support/runner.h"
 
 #include <sys/msg.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -15,14 +15,8 @@ namespace {
 
 constexpr int kExchanges = 200; // of one batch
 
+using bench::require;
 using Bytes = std::vector<char>;
-
-void require(bool condition, const char* what) {
-    if (condition)
-        return;
-    std::perror(what);
-    std::exit(2);
-}
 
 class Library {
 public:
@@ -68,31 +62,28 @@ private:
 };
 
 template<class Side>
-void exchange(benchmark::State& state) {
-    const Side side;
-    const Bytes data(static_cast<size_t>(state.range(0)), 'd');
-    Bytes got(data.size());
-    for ([[maybe_unused]] auto iteration : state) {
-        bench::time_iteration(state, [&] {
+void add(const std::string& work, const std::string& system, size_t size) {
+    bench::add(work, system, [size](benchmark::State& state) {
+        const Side side;
+        const Bytes data(size, 'd');
+        Bytes got(data.size());
+        bench::measure(state, kExchanges, [&] {
             for (int i = 0; i < kExchanges; ++i)
                 side.exchange(data, got);
         });
-    }
+    });
 }
-
-#define PAIR(size)                                                                     \
-    BENCHMARK(exchange<Library>)->Name("exchange/" #size)->Arg(size)->UseManualTime(); \
-    BENCHMARK(exchange<Peer>)->Name("exchange/" #size "/bare")->Arg(size)->UseManualTime()
-
-PAIR(16);
-PAIR(256);
-PAIR(4096);
 
 } // namespace
 
 int main(int argc, char** argv) {
-    std::vector<bench::Ratio> ratios;
-    for (const std::string name : {"exchange/16", "exchange/256", "exchange/4096"})
-        ratios.push_back({name + " bytes against bare calls", name, name + "/bare", 1.15});
-    return bench::run(argc, argv, ratios);
+    std::vector<bench::Target> targets;
+    for (const size_t size : {16U, 256U, 4096U}) {
+        const std::string work = "queue, write and read of " + std::to_string(size) + " bytes";
+        add<Peer>(work, "bare calls", size);
+        add<Library>(work, "library", size);
+        targets.push_back(
+            {work + ", against bare calls", work + "/library", work + "/bare calls", 1.15});
+    }
+    return bench::run(argc, argv, targets);
 }

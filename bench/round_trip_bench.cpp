@@ -2,9 +2,10 @@
 #include "dm_loop.h"
 #include "dm_udp.h"
 
-#include "support/ratio_reporter.h"
+#include "support/measure.h"
+#include "support/require.h"
+#include "support/runner.h"
 
-#include <benchmark/benchmark.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <semaphore.h>
@@ -12,21 +13,15 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdlib>
 #include <cstring>
 #include <thread>
 
 namespace {
 
+using bench::require;
+
 constexpr int kTrips = 200;   // of one batch
 constexpr int kPayload = 512; // what a UDP interface advertises; datagrams are of one size anyhow
-
-void require(bool condition, const char* what) {
-    if (condition)
-        return;
-    std::perror(what);
-    std::exit(2);
-}
 
 DM_ADDR_ST loopback(uint16_t port) {
     sockaddr_in sa{};
@@ -97,11 +92,11 @@ void udp_framework(benchmark::State& state) {
     require(dm_udp_init(&client.intf, local, nullptr, &any, nullptr, 0) == 0, "dm_udp_init");
     dm_cmd_register(server, echo, nullptr, nullptr, 1);
     client.peer = address_of(service->fd);
-    for (auto _ : state) {
+    bench::measure(state, kTrips, [&] {
         client.batch.left = kTrips;
         client.send();
         sem_wait(&client.batch.done);
-    }
+    });
     dm_destroy(local);
     dm_destroy(server);
 }
@@ -114,12 +109,13 @@ void loop_framework(benchmark::State& state) {
     Client client;
     client.intf = dm_get_intf(dm_cb, "selfloop", 9);
     client.peer = {};
-    for (auto _ : state)
+    bench::measure(state, kTrips, [&] {
         for (int i = 0; i < kTrips; ++i) {
             client.batch.left = 1;
             client.send();
             sem_wait(&client.batch.done);
         }
+    });
     dm_destroy(dm_cb);
 }
 
@@ -164,11 +160,12 @@ void udp_bare(benchmark::State& state) {
         } while (server.frame[0] == 0);
     });
     DM_ADDR_ST from{};
-    for (auto _ : state)
+    bench::measure(state, kTrips, [&] {
         for (int i = 0; i < kTrips; ++i) {
             client.send(server.own);
             client.receive(from);
         }
+    });
     client.frame[0] = 1;
     client.send(server.own);
     service.join();
@@ -197,11 +194,12 @@ void loop_bare(benchmark::State& state) {
         }
     });
     request[0] = 0;
-    for (auto _ : state)
+    bench::measure(state, kTrips, [&] {
         for (int i = 0; i < kTrips; ++i) {
             transfer(write(fds[1], request.data(), request.size()));
             sem_wait(&batch.done);
         }
+    });
     request[0] = 1;
     transfer(write(fds[1], request.data(), request.size()));
     service.join();
@@ -212,14 +210,13 @@ void loop_bare(benchmark::State& state) {
 } // namespace
 
 int main(int argc, char** argv) {
-    for (const auto& [name, function] :
-         {std::pair{"udp_framework", &udp_framework}, std::pair{"udp_bare", &udp_bare},
-          std::pair{"loop_framework", &loop_framework}, std::pair{"loop_bare", &loop_bare}})
-        benchmark::RegisterBenchmark(name, function)->UseRealTime()->Unit(benchmark::kMicrosecond);
-    std::printf("Times are of %d round trips.\n", kTrips);
-    return bench::run(
-        argc, argv,
-        {{"UDP round trip, framework against bare sockets", "udp_framework", "udp_bare", 1.15},
-         {"self-loop round trip, framework against a bare pipe", "loop_framework", "loop_bare",
-          1.25}});
+    bench::add("UDP round trip", "bare sockets", udp_bare);
+    bench::add("UDP round trip", "library", udp_framework);
+    bench::add("self-loop round trip", "bare pipe", loop_bare);
+    bench::add("self-loop round trip", "library", loop_framework);
+    return bench::run(argc, argv,
+                      {{"UDP round trip, library against bare sockets", "UDP round trip/library",
+                        "UDP round trip/bare sockets", 1.15},
+                       {"self-loop round trip, library against a bare pipe",
+                        "self-loop round trip/library", "self-loop round trip/bare pipe", 1.25}});
 }

@@ -23,15 +23,33 @@ uint32_t __hash(const char* text) {
     return text[0] != '\0' ? hash * 33 + __byte(text[0]) : hash;
 }
 
-// From `link` on, the link that leads to a node with that tag, or the one that ends the chain.
-HASH_NODE_ST** __find_in_chain(HASH_NODE_ST** link, const char* tag) {
-    while (*link != nullptr && std::strcmp((*link)->tag, tag) != 0)
+// What the nodes of a table are. A walk over a chain compares hashes, so that it touches no tag but
+// the wanted one: the tag would be another cache line at each step.
+struct Node : HASH_NODE_ST {
+    uint32_t hash;
+};
+
+// A tag that is looked for, hashed once an operation.
+struct Key {
+    const char* tag;
+    uint32_t hash;
+
+    explicit Key(const char* text) : tag(text), hash(__hash(text)) {}
+
+    bool is_of(const HASH_NODE_ST* node) const {
+        return static_cast<const Node*>(node)->hash == hash && std::strcmp(node->tag, tag) == 0;
+    }
+};
+
+// From `link` on, the link that leads to a node of that key, or the one that ends the chain.
+HASH_NODE_ST** __find_in_chain(HASH_NODE_ST** link, const Key& key) {
+    while (*link != nullptr && !key.is_of(*link))
         link = &(*link)->next;
     return link;
 }
 
-HASH_NODE_ST** __find(const HASH_TABLE_ST* table, const char* tag) {
-    return __find_in_chain(&table->buckets[__hash(tag) % HASH_TABLE_BUCKETS], tag);
+HASH_NODE_ST** __find(const HASH_TABLE_ST* table, const Key& key) {
+    return __find_in_chain(&table->buckets[key.hash % HASH_TABLE_BUCKETS], key);
 }
 
 template<class Visit>
@@ -54,10 +72,10 @@ void __release_chain(HASH_NODE_ST*& head) {
     }
 }
 
-// Appends a node for a tag that its chain, which ends at `end`, does not hold.
-int hash_table_put2_tag_not_stored(HASH_NODE_ST** end, const char* tag, void* value,
+// Appends a node for a key that its chain, which ends at `end`, does not hold.
+int hash_table_put2_tag_not_stored(HASH_NODE_ST** end, const Key& key, void* value,
                                    HASH_FREE free_value) {
-    const std::size_t tag_size = std::strlen(tag) + 1;
+    const std::size_t tag_size = std::strlen(key.tag) + 1;
     auto tag_copy = dm::allocate<char>(tag_size);
     if (!tag_copy) {
         DM_LOG_ERROR(hash_log, "malloc fail!\n");
@@ -67,7 +85,7 @@ int hash_table_put2_tag_not_stored(HASH_NODE_ST** end, const char* tag, void* va
         DM_LOG_ERROR(hash_log, "memset_s fail!\n");
         return status;
     }
-    auto node = dm::allocate<HASH_NODE_ST>();
+    auto node = dm::allocate<Node>();
     if (!node) {
         const int error = dm::errno_or(ENOMEM);
         DM_LOG_ERROR(hash_log, "malloc fail!\n");
@@ -77,13 +95,14 @@ int hash_table_put2_tag_not_stored(HASH_NODE_ST** end, const char* tag, void* va
         DM_LOG_ERROR(hash_log, "memset_s fail!\n");
         return status;
     }
-    if (const int status = strcpy_s(tag_copy.get(), tag_size, tag); status != 0) {
+    if (const int status = strcpy_s(tag_copy.get(), tag_size, key.tag); status != 0) {
         DM_LOG_ERROR(hash_log, "strcpy_s error\n");
         return status;
     }
     node->tag = tag_copy.release();
     node->value = value;
     node->free_value = free_value;
+    node->hash = key.hash;
     *end = node.release();
     return 0;
 }
@@ -124,10 +143,11 @@ void hash_table_delete(HASH_TABLE_ST* table) {
 }
 
 int hash_table_put2(HASH_TABLE_ST* table, const char* tag, void* value, HASH_FREE free_value) {
-    HASH_NODE_ST** link = __find(table, tag);
+    const Key key(tag);
+    HASH_NODE_ST** link = __find(table, key);
     HASH_NODE_ST* node = *link;
     if (node == nullptr) {
-        const int status = hash_table_put2_tag_not_stored(link, tag, value, free_value);
+        const int status = hash_table_put2_tag_not_stored(link, key, value, free_value);
         if (status != 0)
             DM_LOG_ERROR(hash_log, "put tag fail %d\n", status);
         return status;
@@ -141,7 +161,7 @@ int hash_table_put2(HASH_TABLE_ST* table, const char* tag, void* value, HASH_FRE
 }
 
 void* hash_table_get(const HASH_TABLE_ST* table, const char* tag) {
-    const HASH_NODE_ST* node = *__find(table, tag);
+    const HASH_NODE_ST* node = *__find(table, Key(tag));
     return node != nullptr ? node->value : nullptr;
 }
 
@@ -149,12 +169,13 @@ void* hash_table_get(const HASH_TABLE_ST* table, const char* tag) {
 void hash_table_rm(HASH_TABLE_ST* table, const char* tag) {
     HASH_NODE_ST* removed = nullptr;
     HASH_NODE_ST** removed_end = &removed;
-    HASH_NODE_ST** link = __find(table, tag);
+    const Key key(tag);
+    HASH_NODE_ST** link = __find(table, key);
     while (HASH_NODE_ST* node = *link) {
         *link = std::exchange(node->next, nullptr);
         *removed_end = node;
         removed_end = &node->next;
-        link = __find_in_chain(link, tag);
+        link = __find_in_chain(link, key);
     }
     __release_chain(removed);
 }
