@@ -203,6 +203,7 @@ TEST_F(Loop, MessagesInARowAreFair) {
     context_.on_request(handler);
     DM_INTF_ST* others = other.add(context_, "other");
     other.wake();
+    EXPECT_TRUE(turns.wait());
     EXPECT_EQ(support::send(intf_, "one"), 0);
     EXPECT_TRUE(turns.wait(100));
     EXPECT_GT(most, 1);
