@@ -51,7 +51,7 @@ ordered_json list_of(const Items& items) {
 }
 
 void print_row(const Row& row, const Row& first) {
-    std::printf("  %-34s %12.1f  %10.1f to %-10.1f %12.1f %10.3f\n", row.system.c_str(),
+    std::printf("  %-46s %10.1f  %9.1f to %-10.1f %10.1f %9.3f\n", row.system.c_str(),
                 row.processor.median, row.processor.lower, row.processor.upper, row.wall.median,
                 row.processor.median / first.processor.median);
 }
@@ -85,6 +85,16 @@ const Row* Results::find(const std::string& name) const {
     return found != rows.end() ? &*found : nullptr;
 }
 
+void Results::group() {
+    std::vector<Row> grouped;
+    for (const Row& first : rows) {
+        if (std::ranges::find(grouped, first.work, &Row::work) == grouped.end())
+            std::ranges::copy_if(rows, std::back_inserter(grouped),
+                                 [&](const Row& row) { return row.work == first.work; });
+    }
+    rows = std::move(grouped);
+}
+
 void Results::judge(const std::vector<Target>& targets) {
     for (const Target& target : targets) {
         const Row* measured = find(target.measured);
@@ -102,7 +112,7 @@ bool Results::all_kept() const {
 }
 
 void Results::print() const {
-    std::printf("%-36s %12s  %24s %12s %10s\n", "one operation, in ns", "processor", "middle half",
+    std::printf("%-48s %10s  %23s %10s %9s\n", "one operation, in ns", "processor", "middle half",
                 "wall", "x first");
     const Row* first = nullptr;
     for (const Row& row : rows) {

@@ -47,6 +47,9 @@ struct Results {
     // @return the row of a benchmark by its name; null when a filter left it out.
     const Row* find(const std::string& name) const;
 
+    // Puts the rows of a work behind one another, in their order.
+    void group();
+
     // Judges the targets whose rows are there.
     void judge(const std::vector<Target>& targets);
 
