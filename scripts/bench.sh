@@ -4,14 +4,20 @@
 # Usage: scripts/bench.sh [--quick] [--check] [--docs] [--json FILE] [PROGRAM...]
 #   --quick      shorter runs, for a first look
 #   --check      names each target that is missed, and ends with 1 if there is one
-#   --docs       writes the tables and the picture of docs/performance.md anew
+#   --docs       writes the tables and the picture of docs/performance.md anew, with a whole run
 #   --json FILE  where the results are written
 #   PROGRAM      what to run of build/bin (udp_bench ...), in place of all
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/prepare.sh
 
+usage() {
+    sed -n 's/^# Usage: /Usage: /p' "$0" >&2
+    exit 2
+}
+
 seconds_of_a_program=150
+whole=no
 json=build/bench/results.json
 options=()
 report=()
@@ -20,19 +26,21 @@ while [ $# -gt 0 ]; do
     case $1 in
     --quick) options+=(--quick) ;;
     --check) report+=(--check) ;;
-    --docs) report+=(--docs docs/performance.md) ;;
+    --docs)
+        report+=(--docs docs/performance.md)
+        whole=yes
+        ;;
     --json)
         json=${2:?--json wants a file}
         shift
         ;;
-    -*)
-        sed -n 's/^# Usage: /Usage: /p' "$0" >&2
-        exit 2
-        ;;
+    -*) usage ;;
     *) programs+=("$1") ;;
     esac
     shift
 done
+
+[ $whole = no ] || [ $((${#options[@]} + ${#programs[@]})) -eq 0 ] || usage
 
 install_packages "${packages_build[@]}"
 install_packages "${packages_bench[@]}" || echo "Systems that are not installed are left out." >&2
