@@ -6,7 +6,6 @@
 
 #include "self_loop/works.h"
 #include "support/payload.h"
-#include "support/require.h"
 #include "support/signal.h"
 
 #include <poll.h>
@@ -16,8 +15,6 @@
 #include <thread>
 
 namespace self_loop {
-
-using bench::require;
 
 class Pipe {
 public:

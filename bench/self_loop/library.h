@@ -8,8 +8,6 @@
 
 namespace self_loop {
 
-using bench::require;
-
 class Library : public bench::System {
 public:
     Library() {

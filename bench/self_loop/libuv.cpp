@@ -2,11 +2,11 @@
 // uv_async_t that wakes the loop, a hash map of the requests under way and a timer for each.
 #include "self_loop/works.h"
 #include "support/payload.h"
-#include "support/require.h"
 #include "support/signal.h"
 
 #include <uv.h>
 
+#include <atomic>
 #include <deque>
 #include <mutex>
 #include <thread>

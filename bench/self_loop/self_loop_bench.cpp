@@ -1,8 +1,11 @@
 #include "self_loop/bare.h"
 #include "self_loop/library.h"
 
+#include <pthread.h>
+
 namespace {
 
+using bench::require;
 using bench::Target;
 using self_loop::kChained;
 using self_loop::kRealTime;
@@ -11,8 +14,6 @@ using self_loop::kWaiting;
 constexpr const char* kFloor = "bare pipe and a thread";
 constexpr const char* kAlone = "bare pipe, all in one thread";
 constexpr const char* kLibrary = "library";
-
-using bench::require;
 
 bool may_use_real_time() {
     const sched_param lowest{1};

@@ -1,12 +1,15 @@
 // The question: what does a request cost that a process sends to itself?
 #pragma once
 
+#include "support/require.h"
 #include "support/system.h"
 
 #include <memory>
 #include <string>
 
 namespace self_loop {
+
+using bench::require;
 
 inline constexpr const char* kWaiting = "self-loop request, the caller waits";
 inline constexpr const char* kRealTime =

@@ -13,6 +13,7 @@
 
 #include <sys/eventfd.h>
 
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <thread>
