@@ -83,7 +83,7 @@ int main(int argc, char** argv) {
         add<Peer>(work, "bare calls", size);
         add<Library>(work, "library", size);
         targets.push_back(
-            {work + ", against bare calls", work + "/library", work + "/bare calls", 1.15});
+            {work + ", against bare calls", work + "/library", work + "/bare calls", 1.2});
     }
     return bench::run(argc, argv, targets);
 }

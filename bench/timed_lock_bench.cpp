@@ -97,9 +97,9 @@ int main(int argc, char** argv) {
     bench::add(semaphore, "library", uncontended<Semaphore>);
     bench::add(mutex, "pthread_mutex_t", uncontended<PosixMutex>);
     bench::add(mutex, "library", uncontended<Mutex>);
-    return bench::run(
-        argc, argv,
-        {{semaphore + ", against sem_t", semaphore + "/library",
-          semaphore + "/sem_t with a deadline", 3},
-         {mutex + ", against pthread_mutex_t", mutex + "/library", mutex + "/pthread_mutex_t", 2}});
+    return bench::run(argc, argv,
+                      {{semaphore + ", against sem_t", semaphore + "/library",
+                        semaphore + "/sem_t with a deadline", 1.5},
+                       {mutex + ", against pthread_mutex_t", mutex + "/library",
+                        mutex + "/pthread_mutex_t", 2.5}});
 }

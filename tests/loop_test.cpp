@@ -205,7 +205,7 @@ TEST_F(Loop, MessagesInARowAreFair) {
     other.wake();
     EXPECT_TRUE(turns.wait());
     EXPECT_EQ(support::send(intf_, "one"), 0);
-    EXPECT_TRUE(turns.wait(100));
+    EXPECT_TRUE(handled.wait(1000) && turns.wait(turns.count() + 1));
     EXPECT_GT(most, 1);
     EXPECT_LE(most, 16);
     EXPECT_EQ(dm_intf_deregister(intf_), 0);

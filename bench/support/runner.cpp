@@ -115,7 +115,7 @@ bool initialize(const std::string& program, const Options& options) {
     if (options.quick)
         words.insert(words.end(), {"--benchmark_repetitions=5", "--benchmark_min_time=0.01"});
     else
-        words.insert(words.end(), {"--benchmark_repetitions=25", "--benchmark_min_time=0.05"});
+        words.insert(words.end(), {"--benchmark_repetitions=15", "--benchmark_min_time=0.05"});
     words.insert(words.end(), options.others.begin(), options.others.end());
     std::vector<char*> args(words.size());
     std::ranges::transform(words, args.begin(), [](std::string& word) { return word.data(); });
