@@ -206,6 +206,32 @@ TEST_F(Hal, ADeviceIdHasOneLiveServer) {
     EXPECT_TRUE(connect() == HAL_HDC_NOT_READY && passes(near, far, "still open"));
 }
 
+TEST_F(Hal, AClientGoesWhereItsDirectoryIsNow) {
+    const auto meets = [&] {
+        const bool is_met = connect() == 0 && accept() == 0 && passes(near, far, "met");
+        return is_met && drvHdcSessionClose(near) == 0 && drvHdcSessionClose(far) == 0;
+    };
+    const std::string moved = root + "/moved";
+    ASSERT_TRUE(serve() == 0 && meets());
+    fs::rename(directory, moved);
+    EXPECT_EQ(connect(), HAL_HDC_NOT_READY) << "although the server lives, elsewhere";
+    fs::create_directory_symlink(moved, directory);
+    EXPECT_EQ(connect(), HAL_ERR_BAD_DIRECTORY);
+    fs::remove(directory);
+    fs::rename(moved, directory);
+    EXPECT_TRUE(meets());
+
+    EXPECT_EQ(drvHdcServerDestroy(server), 0);
+    fs::remove_all(directory);
+    EXPECT_EQ(connect(), HAL_HDC_NOT_READY);
+    EXPECT_TRUE(serve() == 0 && meets()) << "made anew";
+
+    const HDC_SERVER first = server;
+    setenv("DM_HAL_DIR", moved.c_str(), 1);
+    EXPECT_TRUE(serve() == 0 && meets()) << "the one that is named now";
+    EXPECT_EQ(drvHdcServerDestroy(first), 0);
+}
+
 TEST_F(Hal, SessionsThatGetNoAnswerLeaveRoomForOthers) {
     const rlim_t before = limit_descriptors(320);
     const auto talk = [&] { return passes(near, far, "read") && send(near, "never read") == 0; };

@@ -3,6 +3,7 @@
 #define HAL_SESSIONS_H
 
 #include "hal/descriptor.h"
+#include "hal/directory.h"
 
 #include <sys/types.h>
 
@@ -25,6 +26,7 @@ using Clock = std::chrono::steady_clock;
 struct Client {
     int32_t max_sessions = 0;
     std::atomic<int32_t> sessions = 0;
+    ServersDirectory directory;
 };
 
 // One connection. A session that was accepted has no client.
