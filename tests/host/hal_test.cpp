@@ -232,6 +232,23 @@ TEST_F(Hal, AClientGoesWhereItsDirectoryIsNow) {
     EXPECT_EQ(drvHdcServerDestroy(first), 0);
 }
 
+TEST_F(Hal, AForkedChildSharesWhatIsOpen) {
+    ASSERT_TRUE(open());
+    const pid_t child = fork();
+    if (child == 0) {
+        if (connect() == 0 && send(near, "from the child") == 0)
+            pause();
+        _exit(1);
+    }
+    EXPECT_EQ(drvHdcSessionClose(near), 0);
+    EXPECT_EQ(receive(far, &text, 60'000), HAL_ERR_PEER_GONE) << "the child has it open, too";
+    EXPECT_EQ(drvHdcSessionClose(far), 0);
+    ASSERT_TRUE(accept() == 0 && receive(far, &text, 60'000) == 0);
+    EXPECT_EQ(text, "from the child");
+    kill(child, SIGKILL);
+    EXPECT_EQ(wait(nullptr), child);
+}
+
 TEST_F(Hal, SessionsThatGetNoAnswerLeaveRoomForOthers) {
     const rlim_t before = limit_descriptors(320);
     const auto talk = [&] { return passes(near, far, "read") && send(near, "never read") == 0; };

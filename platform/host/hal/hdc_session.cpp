@@ -56,11 +56,13 @@ int32_t __try_receive(const hal::Session& session, HAL_HDC_MSG& msg) {
 template<class Attempt>
 int32_t __in_time(const hal::Session& session, short events, uint32_t timeout_ms, Attempt attempt) {
     const auto deadline = hal::Clock::now() + std::chrono::milliseconds(timeout_ms);
-    for (;;) {
+    // Who connected has asked and waits for the answer: the first look would be in vain.
+    bool is_to_wait = events == POLLIN && session.client != nullptr;
+    for (;; is_to_wait = true) {
+        if (is_to_wait && hal::wait_ready(session.socket, events, deadline) == 0)
+            return HAL_HDC_TIMEOUT;
         if (const int32_t code = attempt(); code != HAL_ERR_WOULD_BLOCK)
             return code;
-        if (hal::wait_ready(session.socket, events, deadline) == 0)
-            return HAL_HDC_TIMEOUT;
     }
 }
 
@@ -69,8 +71,10 @@ int32_t __in_time(const hal::Session& session, short events, uint32_t timeout_ms
 int32_t drvHdcSessionClose(HDC_SESSION session) {
     std::shared_ptr<hal::Session> closed;
     const int32_t code = hal::SessionTable::only().take(session, closed);
-    if (closed)
-        shutdown(closed->socket.get(), SHUT_RDWR); // wakes who waits on it; the last one closes it
+    // Wakes who waits on it, and reaches the peer although others have it open. The last one closes
+    // it, and where that is here, the peer needs no more.
+    if (closed && (closed.use_count() > 1 || closed->may_be_shared()))
+        shutdown(closed->socket.get(), SHUT_RDWR);
     return code;
 }
 

@@ -63,9 +63,12 @@ int connect_socket(const Descriptor& socket, const Directory& directory, const c
 }
 
 int connect_in_time(const Descriptor& socket, const Directory& directory, const char* name) {
+    if (connect_socket(socket, directory, name) == 0)
+        return 0;
     // Who waits in connect(2) gets its turn; who only asks finds the places taken by others who ask
     // more often.
-    if (setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &kLongestConnect,
+    if (errno != EAGAIN ||
+        setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &kLongestConnect,
                    sizeof(kLongestConnect)) != 0 ||
         fcntl(socket.get(), F_SETFL, 0) != 0 || connect_socket(socket, directory, name) != 0)
         return -1;
