@@ -26,8 +26,8 @@ int32_t __run_env() {
 
 int32_t __try_send(const hal::Session& session, HAL_HDC_MSG& msg) {
     msghdr header = {};
-    header.msg_iov = msg.buffers.data();
-    header.msg_iovlen = msg.buffers.size();
+    header.msg_iov = msg.room.data();
+    header.msg_iovlen = msg.used;
     if (sendmsg(session.socket.get(), &header, MSG_NOSIGNAL) >= 0)
         return 0;
     if (errno == EAGAIN || errno == EINTR)
@@ -48,7 +48,8 @@ int32_t __try_receive(const hal::Session& session, HAL_HDC_MSG& msg) {
         return HAL_ERR_PEER_GONE;
     if (static_cast<size_t>(size) > hal::kMaxMessage)
         return HAL_ERR_TOO_LONG;
-    msg.buffers.assign(1, {msg.received.get(), static_cast<size_t>(size)});
+    msg.room[0] = {msg.received.get(), static_cast<size_t>(size)};
+    msg.used = 1;
     return 0;
 }
 
@@ -85,7 +86,7 @@ int32_t drvHdcSetSessionReference(HDC_SESSION session) {
 }
 
 int32_t halHdcSend(HDC_SESSION session, HAL_HDC_MSG* msg, uint64_t flag, uint32_t timeout_ms) {
-    if (msg == nullptr || msg->buffers.empty() || flag != HAL_HDC_WAIT_TIMEOUT)
+    if (msg == nullptr || msg->used == 0 || flag != HAL_HDC_WAIT_TIMEOUT)
         return HAL_ERR_INVALID_ARGUMENT;
     std::shared_ptr<hal::Session> sending;
     if (const int32_t code = hal::SessionTable::only().find(session, sending); code != 0)
@@ -100,13 +101,13 @@ int32_t halHdcRecv(HDC_SESSION session, HAL_HDC_MSG* msg, int32_t /*buffer_lengt
     std::shared_ptr<hal::Session> receiving;
     if (const int32_t code = hal::SessionTable::only().find(session, receiving); code != 0)
         return code;
-    msg->buffers.clear();
+    msg->used = 0;
     msg->received = std::make_unique_for_overwrite<char[]>(hal::kMaxMessage);
     const int32_t code =
         __in_time(*receiving, POLLIN, timeout_ms, [&] { return __try_receive(*receiving, *msg); });
     if (code == 0)
         receiving->has_given = true;
-    *count = static_cast<int32_t>(msg->buffers.size());
+    *count = static_cast<int32_t>(msg->used);
     return code;
 } catch (const std::bad_alloc&) {
     return HAL_ERR_NO_MEMORY;

@@ -8,10 +8,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <charconv>
 #include <ctime>
+#include <iterator>
+#include <string_view>
 
 namespace {
+
+constexpr std::string_view kOpenFiles = "/proc/self/fd/";
 
 constexpr timeval kLongestConnect = {0, 500'000};
 
@@ -34,8 +38,11 @@ sockaddr_un address_in(const Directory& directory, const char* name) {
     address.sun_family = AF_UNIX;
     // Through the descriptor: the directory's own path may be longer than an address can be, and
     // may lead elsewhere than to the directory that was checked.
-    std::snprintf(address.sun_path, sizeof(address.sun_path), "/proc/self/fd/%d/%s",
-                  directory.descriptor.get(), name);
+    char* const limit = std::end(address.sun_path) - 1;
+    char* end = std::ranges::copy(kOpenFiles, address.sun_path).out;
+    end = std::to_chars(end, limit, directory.descriptor.get()).ptr;
+    *end++ = '/';
+    std::string_view(name).copy(end, static_cast<size_t>(limit - end));
     return address;
 }
 
