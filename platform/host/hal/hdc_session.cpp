@@ -56,15 +56,18 @@ int32_t __try_receive(const hal::Session& session, HAL_HDC_MSG& msg) {
 // Repeats an attempt that would block until the session is ready for it, or the time is over.
 template<class Attempt>
 int32_t __in_time(const hal::Session& session, short events, uint32_t timeout_ms, Attempt attempt) {
-    const auto deadline = hal::Clock::now() + std::chrono::milliseconds(timeout_ms);
     // Who connected has asked and waits for the answer: the first look would be in vain.
-    bool is_to_wait = events == POLLIN && session.client != nullptr;
-    for (;; is_to_wait = true) {
-        if (is_to_wait && hal::wait_ready(session.socket, events, deadline) == 0)
+    const bool is_too_early = events == POLLIN && session.client != nullptr;
+    int32_t code = is_too_early ? HAL_ERR_WOULD_BLOCK : attempt();
+    if (code != HAL_ERR_WOULD_BLOCK)
+        return code;
+    const auto deadline = hal::Clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (code == HAL_ERR_WOULD_BLOCK) {
+        if (hal::wait_ready(session.socket, events, deadline) == 0)
             return HAL_HDC_TIMEOUT;
-        if (const int32_t code = attempt(); code != HAL_ERR_WOULD_BLOCK)
-            return code;
+        code = attempt();
     }
+    return code;
 }
 
 } // namespace
