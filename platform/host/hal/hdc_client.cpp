@@ -23,7 +23,8 @@ int32_t __connect(hal::Session& session, int32_t device_id) {
         return code;
     const hal::FileName name = hal::socket_name(device_id);
     session.socket = hal::open_socket(SOCK_SEQPACKET);
-    if (!session.socket || hal::connect_in_time(session.socket, *directory, name.data()) != 0) {
+    if (!session.socket || !hal::limit_receive(session.socket) ||
+        hal::connect_in_time(session.socket, *directory, name.data()) != 0) {
         // No socket, a socket of a process that has ended, or too many clients waiting.
         if (errno == ENOENT || errno == ECONNREFUSED || errno == EAGAIN || errno == EINTR)
             return HAL_HDC_NOT_READY;

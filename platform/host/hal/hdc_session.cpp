@@ -28,16 +28,16 @@ int32_t __try_send(const hal::Session& session, HAL_HDC_MSG& msg) {
     msghdr header = {};
     header.msg_iov = msg.room.data();
     header.msg_iovlen = msg.used;
-    if (sendmsg(session.socket.get(), &header, MSG_NOSIGNAL) >= 0)
+    if (sendmsg(session.socket.get(), &header, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0)
         return 0;
     if (errno == EAGAIN || errno == EINTR)
         return HAL_ERR_WOULD_BLOCK;
     return errno == EPIPE || errno == ECONNRESET ? HAL_ERR_PEER_GONE : HAL_ERR_SYSTEM;
 }
 
-int32_t __try_receive(const hal::Session& session, HAL_HDC_MSG& msg) {
+int32_t __try_receive(const hal::Session& session, HAL_HDC_MSG& msg, int flags) {
     const ssize_t size =
-        recv(session.socket.get(), msg.received.get(), hal::kMaxMessage, MSG_TRUNC);
+        recv(session.socket.get(), msg.received.get(), hal::kMaxMessage, flags | MSG_TRUNC);
     // A peer that closed with messages unread resets the session, once; what it had sent before is
     // still to be read.
     if (size < 0)
@@ -55,19 +55,36 @@ int32_t __try_receive(const hal::Session& session, HAL_HDC_MSG& msg) {
 
 // Repeats an attempt that would block until the session is ready for it, or the time is over.
 template<class Attempt>
-int32_t __in_time(const hal::Session& session, short events, uint32_t timeout_ms, Attempt attempt) {
-    // Who connected has asked and waits for the answer: the first look would be in vain.
-    const bool is_too_early = events == POLLIN && session.client != nullptr;
-    int32_t code = is_too_early ? HAL_ERR_WOULD_BLOCK : attempt();
+int32_t __in_time(const hal::Session& session, short events, hal::Clock::duration timeout,
+                  Attempt attempt) {
+    int32_t code = attempt();
     if (code != HAL_ERR_WOULD_BLOCK)
         return code;
-    const auto deadline = hal::Clock::now() + std::chrono::milliseconds(timeout_ms);
+    const auto deadline = hal::Clock::now() + timeout;
     while (code == HAL_ERR_WOULD_BLOCK) {
         if (hal::wait_ready(session.socket, events, deadline) == 0)
             return HAL_HDC_TIMEOUT;
         code = attempt();
     }
     return code;
+}
+
+int32_t __send(const hal::Session& session, HAL_HDC_MSG& msg, std::chrono::milliseconds timeout) {
+    return __in_time(session, POLLOUT, timeout, [&] { return __try_send(session, msg); });
+}
+
+// As long as there is time enough, recv(2) waits by itself: one call of the system in place of
+// three.
+int32_t __receive(const hal::Session& session, HAL_HDC_MSG& msg,
+                  std::chrono::milliseconds timeout) {
+    const auto deadline = hal::Clock::now() + timeout;
+    hal::Clock::duration left = timeout;
+    for (; left >= hal::kReceiveWait; left = deadline - hal::Clock::now()) {
+        if (const int32_t code = __try_receive(session, msg, 0); code != HAL_ERR_WOULD_BLOCK)
+            return code;
+    }
+    return __in_time(session, POLLIN, left,
+                     [&] { return __try_receive(session, msg, MSG_DONTWAIT); });
 }
 
 } // namespace
@@ -94,7 +111,7 @@ int32_t halHdcSend(HDC_SESSION session, HAL_HDC_MSG* msg, uint64_t flag, uint32_
     std::shared_ptr<hal::Session> sending;
     if (const int32_t code = hal::SessionTable::only().find(session, sending); code != 0)
         return code;
-    return __in_time(*sending, POLLOUT, timeout_ms, [&] { return __try_send(*sending, *msg); });
+    return __send(*sending, *msg, std::chrono::milliseconds(timeout_ms));
 }
 
 int32_t halHdcRecv(HDC_SESSION session, HAL_HDC_MSG* msg, int32_t /*buffer_length*/, uint64_t flag,
@@ -106,8 +123,7 @@ int32_t halHdcRecv(HDC_SESSION session, HAL_HDC_MSG* msg, int32_t /*buffer_lengt
         return code;
     msg->used = 0;
     msg->received = std::make_unique_for_overwrite<char[]>(hal::kMaxMessage);
-    const int32_t code =
-        __in_time(*receiving, POLLIN, timeout_ms, [&] { return __try_receive(*receiving, *msg); });
+    const int32_t code = __receive(*receiving, *msg, std::chrono::milliseconds(timeout_ms));
     if (code == 0)
         receiving->has_given = true;
     *count = static_cast<int32_t>(msg->used);
