@@ -206,6 +206,49 @@ TEST_F(Hal, ADeviceIdHasOneLiveServer) {
     EXPECT_TRUE(connect() == HAL_HDC_NOT_READY && passes(near, far, "still open"));
 }
 
+TEST_F(Hal, AClientGoesWhereItsDirectoryIsNow) {
+    const auto meets = [&] {
+        const bool is_met = connect() == 0 && accept() == 0 && passes(near, far, "met");
+        return is_met && drvHdcSessionClose(near) == 0 && drvHdcSessionClose(far) == 0;
+    };
+    const std::string moved = root + "/moved";
+    ASSERT_TRUE(serve() == 0 && meets());
+    fs::rename(directory, moved);
+    EXPECT_EQ(connect(), HAL_HDC_NOT_READY) << "although the server lives, elsewhere";
+    fs::create_directory_symlink(moved, directory);
+    EXPECT_EQ(connect(), HAL_ERR_BAD_DIRECTORY);
+    fs::remove(directory);
+    fs::rename(moved, directory);
+    EXPECT_TRUE(meets());
+
+    EXPECT_EQ(drvHdcServerDestroy(server), 0);
+    fs::remove_all(directory);
+    EXPECT_EQ(connect(), HAL_HDC_NOT_READY);
+    EXPECT_TRUE(serve() == 0 && meets()) << "made anew";
+
+    const HDC_SERVER first = server;
+    setenv("DM_HAL_DIR", moved.c_str(), 1);
+    EXPECT_TRUE(serve() == 0 && meets()) << "the one that is named now";
+    EXPECT_EQ(drvHdcServerDestroy(first), 0);
+}
+
+TEST_F(Hal, AForkedChildSharesWhatIsOpen) {
+    ASSERT_TRUE(open());
+    const pid_t child = fork();
+    if (child == 0) {
+        if (connect() == 0 && send(near, "from the child") == 0)
+            sleep(60);
+        _exit(1);
+    }
+    EXPECT_EQ(drvHdcSessionClose(near), 0);
+    EXPECT_EQ(receive(far, &text, 60'000), HAL_ERR_PEER_GONE) << "the child has it open, too";
+    EXPECT_EQ(drvHdcSessionClose(far), 0);
+    ASSERT_TRUE(accept() == 0 && receive(far, &text, 60'000) == 0);
+    EXPECT_EQ(text, "from the child");
+    kill(child, SIGKILL);
+    EXPECT_EQ(wait(nullptr), child);
+}
+
 TEST_F(Hal, SessionsThatGetNoAnswerLeaveRoomForOthers) {
     const rlim_t before = limit_descriptors(320);
     const auto talk = [&] { return passes(near, far, "read") && send(near, "never read") == 0; };

@@ -64,7 +64,7 @@ const char* __next_endpoint(DIR* listing) {
 // Removes the files of closed endpoints. One that is just being bound looks like them, so that who
 // binds and who removes holds the lock.
 void __remove_closed(const hal::Directory& directory, DIR* listing) {
-    const hal::Descriptor probe = hal::open_socket(SOCK_DGRAM);
+    const hal::Descriptor probe = hal::open_socket(SOCK_DGRAM | SOCK_NONBLOCK);
     while (const char* name = __next_endpoint(listing)) {
         if (hal::connect_socket(probe, directory, name) != 0 && errno == ECONNREFUSED)
             unlinkat(directory.descriptor.get(), name, 0);
@@ -117,7 +117,7 @@ int32_t __broadcast(const Packet& packet, size_t size, std::string_view but) {
     const Listing listing = __list(directory);
     // A socket for this message alone: what lies unread at one endpoint counts against the sending
     // socket, and would take the room of messages to the others.
-    const hal::Descriptor sender = hal::open_socket(SOCK_DGRAM);
+    const hal::Descriptor sender = hal::open_socket(SOCK_DGRAM | SOCK_NONBLOCK);
     if (!listing || !sender)
         return __system_error(directory);
     while (const char* name = __next_endpoint(listing.get())) {

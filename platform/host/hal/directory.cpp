@@ -52,9 +52,9 @@ bool __is_number(std::string_view text, uid_t number) {
 }
 
 bool __may_own(uid_t uid, bool is_server) {
-    if (is_server || hal::setting("DM_HAL_DIR") == nullptr)
-        return uid == geteuid();
-    return hal::is_allowed(uid);
+    if (uid == geteuid())
+        return true;
+    return !is_server && hal::setting("DM_HAL_DIR") != nullptr && hal::is_allowed(uid);
 }
 
 // @return what speaks against a directory; empty when nothing does.
@@ -79,8 +79,15 @@ std::string __open(hal::Directory& directory, int flags, bool is_server) {
     struct stat status = {};
     if (!directory.descriptor || fstat(directory.descriptor.get(), &status) != 0)
         return strerrordesc_np(errno);
+    directory.device = status.st_dev;
+    directory.inode = status.st_ino;
     directory.owner = status.st_uid;
     return __fault(status, is_server);
+}
+
+bool __is(const hal::Directory& directory, const struct stat& status) {
+    return directory.device == status.st_dev && directory.inode == status.st_ino &&
+           directory.owner == status.st_uid;
 }
 
 int32_t __verdict(const hal::Directory& directory, const std::string& fault) {
@@ -129,11 +136,28 @@ int32_t open_own_directory(Directory& directory) {
     return __verdict(directory, __open(directory, O_RDONLY, true));
 }
 
-int32_t open_servers_directory(Directory& directory) {
-    directory.path = __without_slashes(__path());
-    if (__is_missing(directory.path) && !__is_missing(__parent(directory.path)))
+int32_t ServersDirectory::get(std::shared_ptr<const Directory>& directory) {
+    std::string path = __without_slashes(__path());
+    struct stat status = {};
+    const bool is_there = lstat(path.c_str(), &status) == 0;
+    if (!is_there && errno == ENOENT && !__is_missing(__parent(path)))
         return HAL_HDC_NOT_READY; // its server makes it
-    return __verdict(directory, __open(directory, O_PATH, false));
+    directory = last();
+    if (is_there && directory && directory->path == path && __is(*directory, status))
+        return __verdict(*directory, __fault(status, false));
+    auto opened = std::make_shared<Directory>();
+    opened->path = std::move(path);
+    if (const int32_t code = __verdict(*opened, __open(*opened, O_PATH, false)); code != 0)
+        return code;
+    directory = std::move(opened);
+    const std::scoped_lock lock(mutex_);
+    last_ = directory;
+    return 0;
+}
+
+std::shared_ptr<const Directory> ServersDirectory::last() {
+    const std::scoped_lock lock(mutex_);
+    return last_;
 }
 
 DirectoryLock::DirectoryLock(const Directory& directory) : fd_(directory.descriptor.get()) {

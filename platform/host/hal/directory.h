@@ -11,6 +11,8 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <string>
 
 namespace hal {
@@ -27,6 +29,8 @@ struct Directory {
 
     std::string path;
     Descriptor descriptor;
+    dev_t device = 0;
+    ino_t inode = 0;
     uid_t owner = 0;
 };
 
@@ -36,10 +40,24 @@ struct Directory {
 // @return 0, or HAL_ERR_BAD_DIRECTORY; the log then has the reason.
 int32_t open_own_directory(Directory& directory);
 
-// Opens the directory for connecting to a server in it (O_PATH). It may also belong to a user in
-// DM_HAL_ALLOW_UIDS when DM_HAL_DIR names it; and others may search it in any case.
-// @return 0; HAL_HDC_NOT_READY when nothing is there yet; HAL_ERR_BAD_DIRECTORY as above.
-int32_t open_servers_directory(Directory& directory);
+// A client's way to the directory of its servers, which stays open from one session to the next.
+//
+// Each session asks anew where the path leads and who may do what there. Only to open it is spared
+// when it is the very directory that is open: no other can pass for that one, for what is open
+// keeps its inode number.
+class ServersDirectory {
+public:
+    // Gives the directory for connecting to a server in it (O_PATH). It may also belong to a user
+    // in DM_HAL_ALLOW_UIDS when DM_HAL_DIR names it; and others may search it in any case.
+    // @return 0; HAL_HDC_NOT_READY when nothing is there yet; HAL_ERR_BAD_DIRECTORY as above.
+    int32_t get(std::shared_ptr<const Directory>& directory);
+
+private:
+    std::shared_ptr<const Directory> last();
+
+    std::mutex mutex_;
+    std::shared_ptr<const Directory> last_;
+};
 
 // Holds the directory against others who add and remove files there. Unlocked by hand, for a child
 // that another thread has forked meanwhile shares the lock until it starts its program.

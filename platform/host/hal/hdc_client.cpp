@@ -18,22 +18,23 @@ using Clients = hal::Handles<hal::Client>;
 
 // Connects a session's socket.
 int32_t __connect(hal::Session& session, int32_t device_id) {
-    hal::Directory directory;
-    if (const int32_t code = hal::open_servers_directory(directory); code != 0)
+    std::shared_ptr<const hal::Directory> directory;
+    if (const int32_t code = session.client->directory.get(directory); code != 0)
         return code;
     const hal::FileName name = hal::socket_name(device_id);
     session.socket = hal::open_socket(SOCK_SEQPACKET);
-    if (!session.socket || hal::connect_in_time(session.socket, directory, name.data()) != 0) {
+    if (!session.socket || !hal::limit_receive(session.socket) ||
+        hal::connect_in_time(session.socket, *directory, name.data()) != 0) {
         // No socket, a socket of a process that has ended, or too many clients waiting.
         if (errno == ENOENT || errno == ECONNREFUSED || errno == EAGAIN || errno == EINTR)
             return HAL_HDC_NOT_READY;
         const int32_t code = errno == EACCES ? HAL_ERR_REFUSED : HAL_ERR_SYSTEM;
-        return hal::complain(directory.path_of(name.data()), code, strerrordesc_np(errno));
+        return hal::complain(directory->path_of(name.data()), code, strerrordesc_np(errno));
     }
     // A server owns its directory. Who else answers is behind a link that was laid there.
     const std::optional<uid_t> peer = hal::peer_of(session.socket);
-    if (peer != directory.owner)
-        return hal::complain(directory.path_of(name.data()), HAL_ERR_REFUSED);
+    if (peer != directory->owner)
+        return hal::complain(directory->path_of(name.data()), HAL_ERR_REFUSED);
     session.peer_uid = *peer;
     return 0;
 }

@@ -168,13 +168,12 @@ bool __is_passing(int error) {
 int32_t __accept(const Server& server, HDC_SESSION* session) {
     const hal::CancelGuard guard;
     auto accepted = std::make_shared<hal::Session>(nullptr);
-    accepted->socket = hal::make_descriptor([&] {
-        return accept4(server.listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    });
+    accepted->socket = hal::make_descriptor(
+        [&] { return accept4(server.listener.get(), nullptr, nullptr, SOCK_CLOEXEC); });
     if (!accepted->socket)
         return __is_passing(errno) ? HAL_ERR_WOULD_BLOCK : __system_error(server);
     const std::optional<uid_t> peer = hal::peer_of(accepted->socket);
-    if (!peer)
+    if (!peer || !hal::limit_receive(accepted->socket))
         return HAL_ERR_WOULD_BLOCK;
     if (!hal::is_allowed(*peer)) {
         hal::complain(__path(server) + " and user " + std::to_string(*peer), HAL_ERR_REFUSED);

@@ -26,18 +26,18 @@ int32_t __run_env() {
 
 int32_t __try_send(const hal::Session& session, HAL_HDC_MSG& msg) {
     msghdr header = {};
-    header.msg_iov = msg.buffers.data();
-    header.msg_iovlen = msg.buffers.size();
-    if (sendmsg(session.socket.get(), &header, MSG_NOSIGNAL) >= 0)
+    header.msg_iov = msg.room.data();
+    header.msg_iovlen = msg.used;
+    if (sendmsg(session.socket.get(), &header, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0)
         return 0;
     if (errno == EAGAIN || errno == EINTR)
         return HAL_ERR_WOULD_BLOCK;
     return errno == EPIPE || errno == ECONNRESET ? HAL_ERR_PEER_GONE : HAL_ERR_SYSTEM;
 }
 
-int32_t __try_receive(const hal::Session& session, HAL_HDC_MSG& msg) {
+int32_t __try_receive(const hal::Session& session, HAL_HDC_MSG& msg, int flags) {
     const ssize_t size =
-        recv(session.socket.get(), msg.received.get(), hal::kMaxMessage, MSG_TRUNC);
+        recv(session.socket.get(), msg.received.get(), hal::kMaxMessage, flags | MSG_TRUNC);
     // A peer that closed with messages unread resets the session, once; what it had sent before is
     // still to be read.
     if (size < 0)
@@ -48,20 +48,43 @@ int32_t __try_receive(const hal::Session& session, HAL_HDC_MSG& msg) {
         return HAL_ERR_PEER_GONE;
     if (static_cast<size_t>(size) > hal::kMaxMessage)
         return HAL_ERR_TOO_LONG;
-    msg.buffers.assign(1, {msg.received.get(), static_cast<size_t>(size)});
+    msg.room[0] = {msg.received.get(), static_cast<size_t>(size)};
+    msg.used = 1;
     return 0;
 }
 
 // Repeats an attempt that would block until the session is ready for it, or the time is over.
 template<class Attempt>
-int32_t __in_time(const hal::Session& session, short events, uint32_t timeout_ms, Attempt attempt) {
-    const auto deadline = hal::Clock::now() + std::chrono::milliseconds(timeout_ms);
-    for (;;) {
-        if (const int32_t code = attempt(); code != HAL_ERR_WOULD_BLOCK)
-            return code;
+int32_t __in_time(const hal::Session& session, short events, hal::Clock::duration timeout,
+                  Attempt attempt) {
+    int32_t code = attempt();
+    if (code != HAL_ERR_WOULD_BLOCK)
+        return code;
+    const auto deadline = hal::Clock::now() + timeout;
+    while (code == HAL_ERR_WOULD_BLOCK) {
         if (hal::wait_ready(session.socket, events, deadline) == 0)
             return HAL_HDC_TIMEOUT;
+        code = attempt();
     }
+    return code;
+}
+
+int32_t __send(const hal::Session& session, HAL_HDC_MSG& msg, std::chrono::milliseconds timeout) {
+    return __in_time(session, POLLOUT, timeout, [&] { return __try_send(session, msg); });
+}
+
+// As long as there is time enough, recv(2) waits by itself: one call of the system in place of
+// three.
+int32_t __receive(const hal::Session& session, HAL_HDC_MSG& msg,
+                  std::chrono::milliseconds timeout) {
+    const auto deadline = hal::Clock::now() + timeout;
+    hal::Clock::duration left = timeout;
+    for (; left >= hal::kReceiveWait; left = deadline - hal::Clock::now()) {
+        if (const int32_t code = __try_receive(session, msg, 0); code != HAL_ERR_WOULD_BLOCK)
+            return code;
+    }
+    return __in_time(session, POLLIN, left,
+                     [&] { return __try_receive(session, msg, MSG_DONTWAIT); });
 }
 
 } // namespace
@@ -69,8 +92,10 @@ int32_t __in_time(const hal::Session& session, short events, uint32_t timeout_ms
 int32_t drvHdcSessionClose(HDC_SESSION session) {
     std::shared_ptr<hal::Session> closed;
     const int32_t code = hal::SessionTable::only().take(session, closed);
-    if (closed)
-        shutdown(closed->socket.get(), SHUT_RDWR); // wakes who waits on it; the last one closes it
+    // Wakes who waits on it, and reaches the peer although others have it open. The last one closes
+    // it, and where that is here, the peer needs no more.
+    if (closed && (closed.use_count() > 1 || closed->may_be_shared()))
+        shutdown(closed->socket.get(), SHUT_RDWR);
     return code;
 }
 
@@ -81,12 +106,12 @@ int32_t drvHdcSetSessionReference(HDC_SESSION session) {
 }
 
 int32_t halHdcSend(HDC_SESSION session, HAL_HDC_MSG* msg, uint64_t flag, uint32_t timeout_ms) {
-    if (msg == nullptr || msg->buffers.empty() || flag != HAL_HDC_WAIT_TIMEOUT)
+    if (msg == nullptr || msg->used == 0 || flag != HAL_HDC_WAIT_TIMEOUT)
         return HAL_ERR_INVALID_ARGUMENT;
     std::shared_ptr<hal::Session> sending;
     if (const int32_t code = hal::SessionTable::only().find(session, sending); code != 0)
         return code;
-    return __in_time(*sending, POLLOUT, timeout_ms, [&] { return __try_send(*sending, *msg); });
+    return __send(*sending, *msg, std::chrono::milliseconds(timeout_ms));
 }
 
 int32_t halHdcRecv(HDC_SESSION session, HAL_HDC_MSG* msg, int32_t /*buffer_length*/, uint64_t flag,
@@ -96,13 +121,12 @@ int32_t halHdcRecv(HDC_SESSION session, HAL_HDC_MSG* msg, int32_t /*buffer_lengt
     std::shared_ptr<hal::Session> receiving;
     if (const int32_t code = hal::SessionTable::only().find(session, receiving); code != 0)
         return code;
-    msg->buffers.clear();
+    msg->used = 0;
     msg->received = std::make_unique_for_overwrite<char[]>(hal::kMaxMessage);
-    const int32_t code =
-        __in_time(*receiving, POLLIN, timeout_ms, [&] { return __try_receive(*receiving, *msg); });
+    const int32_t code = __receive(*receiving, *msg, std::chrono::milliseconds(timeout_ms));
     if (code == 0)
         receiving->has_given = true;
-    *count = static_cast<int32_t>(msg->buffers.size());
+    *count = static_cast<int32_t>(msg->used);
     return code;
 } catch (const std::bad_alloc&) {
     return HAL_ERR_NO_MEMORY;

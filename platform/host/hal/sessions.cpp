@@ -17,26 +17,13 @@
 
 namespace {
 
-// The accepted sessions that may be open at once: with one user, and with all. The rest of the
-// process's descriptors stays free for what else it does.
+// What may be open at once. The rest of the process's descriptors stays free for what else it does.
 constexpr size_t kMostOfUser = 256;
 constexpr size_t kShareOfUser = 4;
 constexpr size_t kShareOfAll = 2;
 
 // Longer than a client of the library waits: 3 s to send, five times 3 s for the answer.
 constexpr auto kLongestWait = std::chrono::seconds(20);
-
-struct Bounds {
-    size_t of_user;
-    size_t of_all;
-};
-
-Bounds __bounds() {
-    rlimit descriptors = {};
-    getrlimit(RLIMIT_NOFILE, &descriptors);
-    const size_t all = descriptors.rlim_cur;
-    return {std::min(kMostOfUser, all / kShareOfUser), all / kShareOfAll};
-}
 
 // A peer that only has no more to send still waits for its answer. The first message of a gone one
 // is read by whoever is about to; what else it has sent may never be.
@@ -48,9 +35,21 @@ bool __is_gone(const hal::Session& session) {
     return session.has_given || (ioctl(session.socket.get(), SIOCINQ, &unread) == 0 && unread == 0);
 }
 
+std::atomic<uint64_t> counted_steps = 0;
+
+void __count_step() {
+    ++counted_steps;
+}
+
+const bool kForksAreCounted = pthread_atfork(__count_step, __count_step, __count_step) == 0;
+
 } // namespace
 
 namespace hal {
+
+uint64_t fork_steps() {
+    return kForksAreCounted ? counted_steps.load() : 1;
+}
 
 SessionTable& SessionTable::only() {
     return immortal<SessionTable>();
@@ -65,10 +64,11 @@ uint64_t SessionTable::add(std::shared_ptr<Session> session) {
 
 int32_t SessionTable::admit(std::shared_ptr<Session> session, uint64_t* handle) {
     const uid_t uid = session->peer_uid;
+    const Bounds most = bounds();
     {
         const std::scoped_lock lock(mutex_);
-        make_room(uid);
-        if (!is_full_of(uid) && !is_full()) {
+        look_now_and_then();
+        if ((!is_full_of(uid, most) && !is_full(most)) || make_room(uid, most)) {
             const uint64_t admitted = ++last_handle;
             open_.emplace(admitted, std::move(session));
             *handle = admitted;
@@ -98,8 +98,8 @@ std::optional<uid_t> SessionTable::peer_uid(uint64_t handle) {
 
 int32_t SessionTable::take(uint64_t handle, std::shared_ptr<Session>& session) {
     const std::scoped_lock lock(mutex_);
-    if (const auto node = open_.extract(handle)) {
-        session = node.mapped();
+    if (auto node = open_.extract(handle)) {
+        session = std::move(node.mapped());
         return 0;
     }
     Closed* closed = find_closed(handle);
@@ -128,28 +128,41 @@ size_t SessionTable::close_where(Condition condition) {
     });
 }
 
+SessionTable::Bounds SessionTable::bounds() {
+    rlimit descriptors = {};
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+    const size_t all = descriptors.rlim_cur;
+    return {std::min(kMostOfUser, all / kShareOfUser), all / kShareOfAll};
+}
+
 size_t SessionTable::close_gone() {
     return close_where(__is_gone);
 }
 
+void SessionTable::look_now_and_then() {
+    if (open_.size() < next_look_)
+        return;
+    close_gone();
+    next_look_ = std::max(kFewSessions, 2 * open_.size());
+}
+
 // Makes room for one more session of a user, as far as that is possible. A user who is at its own
-// bound costs the others nothing.
-void SessionTable::make_room(uid_t uid) {
-    const bool is_time_to_look = open_.size() >= next_look_;
-    if (is_time_to_look || is_full_of(uid) || is_full())
-        close_gone();
-    if (is_time_to_look)
-        next_look_ = std::max(kFewSessions, 2 * open_.size());
+// bound costs the others nothing. @return whether there is room.
+bool SessionTable::make_room(uid_t uid, const Bounds& bounds) {
+    close_gone();
     const auto oldest = Clock::now() - kLongestWait;
-    if (is_full_of(uid))
+    if (is_full_of(uid, bounds))
         close_where([&](const Session& session) {
             return session.peer_uid == uid && session.opened < oldest;
         });
-    if (is_full_of(uid) || !is_full())
-        return;
+    if (is_full_of(uid, bounds))
+        return false;
+    if (!is_full(bounds))
+        return true;
     close_where([&](const Session& session) { return session.opened < oldest; });
-    if (is_full())
+    if (is_full(bounds))
         close_one_of_most(uid);
+    return !is_full(bounds);
 }
 
 // Closes the oldest session of the user who has most, unless that user would have less than the
@@ -170,19 +183,19 @@ void SessionTable::close_one_of_most(uid_t uid) {
 }
 
 // Says whether all users together have as many accepted sessions open as they may.
-bool SessionTable::is_full() const {
+bool SessionTable::is_full(const Bounds& bounds) const {
     const auto all = std::count_if(open_.begin(), open_.end(), [](const auto& entry) {
         return entry.second->client == nullptr;
     });
-    return static_cast<size_t>(all) >= __bounds().of_all;
+    return static_cast<size_t>(all) >= bounds.of_all;
 }
 
 // Says whether a user has as many accepted sessions open as one may.
-bool SessionTable::is_full_of(uid_t uid) const {
+bool SessionTable::is_full_of(uid_t uid, const Bounds& bounds) const {
     const auto own = std::count_if(open_.begin(), open_.end(), [uid](const auto& entry) {
         return entry.second->client == nullptr && entry.second->peer_uid == uid;
     });
-    return static_cast<size_t>(own) >= __bounds().of_user;
+    return static_cast<size_t>(own) >= bounds.of_user;
 }
 
 SessionTable::Closed* SessionTable::find_closed(uint64_t handle) {

@@ -3,6 +3,7 @@
 #define HAL_SESSIONS_H
 
 #include "hal/descriptor.h"
+#include "hal/directory.h"
 
 #include <sys/types.h>
 
@@ -22,9 +23,14 @@ namespace hal {
 
 using Clock = std::chrono::steady_clock;
 
+// Counts the beginnings and ends of fork(3): a child shares what was open then. @return an odd
+// number during a fork, and 1 when forks cannot be counted.
+uint64_t fork_steps();
+
 struct Client {
     int32_t max_sessions = 0;
     std::atomic<int32_t> sessions = 0;
+    ServersDirectory directory;
 };
 
 // One connection. A session that was accepted has no client.
@@ -40,6 +46,10 @@ struct Session {
             --client->sessions;
     }
 
+    // Says whether a forked child may have the connection, too.
+    bool may_be_shared() const { return forks % 2 != 0 || forks != fork_steps(); }
+
+    const uint64_t forks = fork_steps();
     const std::shared_ptr<Client> client;
     const Clock::time_point opened = Clock::now();
     Descriptor socket;
@@ -91,13 +101,21 @@ private:
         uid_t peer_uid = 0;
     };
 
+    // The accepted sessions that may be open at once: with one user, and with all.
+    struct Bounds {
+        size_t of_user;
+        size_t of_all;
+    };
+
+    static Bounds bounds();
     template<class Condition>
     size_t close_where(Condition condition);
     size_t close_gone();
-    void make_room(uid_t uid);
+    void look_now_and_then();
+    bool make_room(uid_t uid, const Bounds& bounds);
     void close_one_of_most(uid_t uid);
-    bool is_full() const;
-    bool is_full_of(uid_t uid) const;
+    bool is_full(const Bounds& bounds) const;
+    bool is_full_of(uid_t uid, const Bounds& bounds) const;
     Closed* find_closed(uint64_t handle);
 
     static constexpr size_t kFewSessions = 64; // with so few, nobody looks for gone ones

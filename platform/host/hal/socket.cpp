@@ -8,12 +8,22 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <charconv>
 #include <ctime>
+#include <iterator>
+#include <string_view>
 
 namespace {
 
+constexpr std::string_view kOpenFiles = "/proc/self/fd/";
+
 constexpr timeval kLongestConnect = {0, 500'000};
+constexpr timeval kLongestReceive = {hal::kReceiveWait.count() / 1000,
+                                     hal::kReceiveWait.count() % 1000 * 1000};
+
+bool __limit(const hal::Descriptor& socket, int option, const timeval& longest) {
+    return setsockopt(socket.get(), SOL_SOCKET, option, &longest, sizeof(longest)) == 0;
+}
 
 const sockaddr* __generic(const sockaddr_un& address) {
     return reinterpret_cast<const sockaddr*>(&address);
@@ -34,18 +44,20 @@ sockaddr_un address_in(const Directory& directory, const char* name) {
     address.sun_family = AF_UNIX;
     // Through the descriptor: the directory's own path may be longer than an address can be, and
     // may lead elsewhere than to the directory that was checked.
-    std::snprintf(address.sun_path, sizeof(address.sun_path), "/proc/self/fd/%d/%s",
-                  directory.descriptor.get(), name);
+    char* const limit = std::end(address.sun_path) - 1;
+    char* end = std::ranges::copy(kOpenFiles, address.sun_path).out;
+    end = std::to_chars(end, limit, directory.descriptor.get()).ptr;
+    *end++ = '/';
+    std::string_view(name).copy(end, static_cast<size_t>(limit - end));
     return address;
 }
 
 Descriptor open_socket(int type) {
-    return make_descriptor(
-        [type] { return socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); });
+    return make_descriptor([type] { return socket(AF_UNIX, type | SOCK_CLOEXEC, 0); });
 }
 
 Descriptor bind_socket(int type, const Directory& directory, const char* name, mode_t mode) {
-    Descriptor opened = open_socket(type);
+    Descriptor opened = open_socket(type | SOCK_NONBLOCK);
     const sockaddr_un address = address_in(directory, name);
     mode |= S_ISVTX;
     // The kernel makes the file with the socket's own mode, less what the umask takes away: it is
@@ -65,11 +77,12 @@ int connect_socket(const Descriptor& socket, const Directory& directory, const c
 int connect_in_time(const Descriptor& socket, const Directory& directory, const char* name) {
     // Who waits in connect(2) gets its turn; who only asks finds the places taken by others who ask
     // more often.
-    if (setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &kLongestConnect,
-                   sizeof(kLongestConnect)) != 0 ||
-        fcntl(socket.get(), F_SETFL, 0) != 0 || connect_socket(socket, directory, name) != 0)
-        return -1;
-    return fcntl(socket.get(), F_SETFL, O_NONBLOCK);
+    return __limit(socket, SO_SNDTIMEO, kLongestConnect) ? connect_socket(socket, directory, name)
+                                                         : -1;
+}
+
+bool limit_receive(const Descriptor& socket) {
+    return __limit(socket, SO_RCVTIMEO, kLongestReceive);
 }
 
 std::optional<uid_t> peer_of(const Descriptor& socket) {
