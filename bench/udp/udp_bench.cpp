@@ -8,6 +8,7 @@ using udp::work;
 
 constexpr const char* kFloor = "bare sockets, frames of 4138 bytes";
 constexpr const char* kDrained = "bare sockets, read until there is none";
+constexpr const char* kDutiful = "bare sockets, with a message's buffers and descriptors";
 constexpr const char* kLibrary = "library";
 constexpr const char* kLibuv = "libuv, map and timer, frames of 4138 bytes";
 
@@ -34,6 +35,7 @@ std::vector<Target> targets() {
 int main(int argc, char** argv) {
     udp::add<udp::Bare<udp::Polls::each_time>>(kFloor);
     udp::add<udp::Bare<udp::Polls::when_empty>>(kDrained);
+    udp::add<udp::Bare<udp::Polls::each_time, udp::Duties::stated>>(kDutiful);
     udp::add<udp::Library>(kLibrary);
     bench::add_peers();
     return bench::run(argc, argv, targets());
