@@ -129,9 +129,11 @@ int __selfloop_recv(DM_INTF_ST* intf, int32_t fd, int16_t events, DM_MSG_ST* msg
     return ret == 0 ? __fill_msg(msg, tmp.get()) : ret;
 }
 
+// Who has put a slot of his own in place is called only when there is something to read.
 int __on_input(int fd, int events, void* user_data, uint32_t /*user_data_len*/) {
-    return __dm_recv_all(fd, events, user_data,
-                         [](DM_INTF_ST* intf) { return __pipe_of(intf).has_next(); });
+    return __dm_recv_all(fd, events, user_data, [](DM_INTF_ST* intf) {
+        return intf->recv_msg == __selfloop_recv && __pipe_of(intf).has_next();
+    });
 }
 
 // ---- open and close ----

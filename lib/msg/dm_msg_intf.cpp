@@ -14,6 +14,7 @@
 #include <poll.h>
 
 #include <cerrno>
+#include <ctime>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -41,8 +42,9 @@ using dm::Retired;
 
 constexpr uint32_t kDestroyWaitMs = 100;
 
-// Messages of one interface before the others and the timers have their turn.
-constexpr int kMostAtOnce = 16;
+// How far messages of one interface are taken in a row before the others and the timers have their
+// turn: so many, and not beyond a tick of the coarse clock, for a handler may be slow.
+constexpr int kMostInARow = 16;
 
 // ---- the interface list ----
 
@@ -107,10 +109,20 @@ bool __receive(Context* context, DM_INTF_ST* intf, int fd, int events) {
     return true;
 }
 
+// The ticks of the clock that costs next to nothing to read.
+timespec __tick() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return now;
+}
+
 // True when the interface, of which a message was just taken, is to be read again.
-bool __is_read_on(Context* context, DM_INTF_ST* intf, DM_HAS_NEXT has_next) {
-    return has_next != nullptr && context->receiving == intf && !context->destroyed &&
-           __poller_callback_goes_on(context->poller) && has_next(intf);
+bool __is_read_on(Context* context, DM_INTF_ST* intf, DM_HAS_NEXT has_next, const timespec& begin) {
+    if (has_next == nullptr || context->receiving != intf || context->destroyed ||
+        !__poller_callback_goes_on(context->poller))
+        return false;
+    const timespec now = __tick();
+    return now.tv_sec == begin.tv_sec && now.tv_nsec == begin.tv_nsec && has_next(intf);
 }
 
 bool __on_pass(void* arg) {
@@ -313,9 +325,11 @@ int __dm_recv_all(int fd, int events, void* user_data, DM_HAS_NEXT has_next) {
         return 0;
     const CallbackScope scope(context);
     const Receiving receiving(context, intf);
+    const timespec begin = has_next != nullptr ? __tick() : timespec{};
     bool is_taken = __receive(context, intf, fd, events);
-    for (int taken = 1; is_taken && taken < kMostAtOnce; ++taken)
-        is_taken = __is_read_on(context, intf, has_next) && __receive(context, intf, fd, POLLIN);
+    for (int taken = 1; is_taken && taken < kMostInARow; ++taken)
+        is_taken =
+            __is_read_on(context, intf, has_next, begin) && __receive(context, intf, fd, POLLIN);
     return 0;
 }
 

@@ -36,12 +36,10 @@ constexpr uint32_t kSrcIndex = 1;
 class ReadOn {
 public:
     bool is_due() {
-        is_trial_ = left_out_ >= gap_;
-        left_out_ = is_trial_ ? 0 : left_out_ + 1;
-        return is_trial_;
+        const bool is_trial = left_out_ >= gap_;
+        left_out_ = is_trial ? 0 : left_out_ + 1;
+        return is_trial;
     }
-    // With each receive: true when it is tried.
-    bool begins() { return std::exchange(is_trial_, false); }
     void succeeded() { gap_ = 0; }
     void failed() { gap_ = std::min(gap_ * 2 + 1, kWidestGap); }
 
@@ -50,7 +48,6 @@ private:
 
     uint32_t gap_ = 0; // receives without a trial between two with one
     uint32_t left_out_ = 0;
-    bool is_trial_ = false;
 };
 
 // An interface with what it needs for reading. The framework releases it with free(3).
@@ -61,6 +58,10 @@ struct UdpIntf : DM_INTF_ST {
 ReadOn& __read_on_of(DM_INTF_ST* intf) {
     return static_cast<UdpIntf*>(intf)->read_on;
 }
+
+// Set while the next receive of this thread is such a trial. The slot does not look into its record
+// for it: others may have put it into records of theirs.
+thread_local ReadOn* trial = nullptr;
 
 void __close_socket(int fd) {
     close(fd);
@@ -192,9 +193,8 @@ ssize_t __recv_datagram(int fd, DM_UDP_MSG_ST* frame, sockaddr_in* sender) {
     return received;
 }
 
-int __dm_udp_recv(DM_INTF_ST* intf, int32_t fd, int16_t events, DM_MSG_ST* msg) {
-    ReadOn& read_on = __read_on_of(intf);
-    const bool is_trial = read_on.begins();
+int __dm_udp_recv(DM_INTF_ST* /*intf*/, int32_t fd, int16_t events, DM_MSG_ST* msg) {
+    ReadOn* const tried = std::exchange(trial, nullptr);
     const auto frame = dm::allocate<DM_UDP_MSG_ST>();
     if (!DM_CHECK(frame != nullptr, "(msg != ((void *)0))"))
         return -ENOMEM;
@@ -208,15 +208,15 @@ int __dm_udp_recv(DM_INTF_ST* intf, int32_t fd, int16_t events, DM_MSG_ST* msg) 
     const ssize_t received = __recv_datagram(fd, frame.get(), &sender);
     if (received < 0) {
         const int code = errno;
-        if (is_trial && code == EAGAIN) {
-            read_on.failed();
+        if (tried != nullptr && code == EAGAIN) {
+            tried->failed();
             return code;
         }
         DM_LOG_ERROR(udp_log, "__dm_udp_recv: recvfrom fail.errno=%d\r\n", code);
         return code;
     }
-    if (is_trial)
-        read_on.succeeded();
+    if (tried != nullptr)
+        tried->succeeded();
     if (received == 0 || frame->marker != kMarker || frame->reserved1 != 0)
         return -1;
     const int ret = __dm_udp_recv_set_irecv(frame.get(), msg, &sender);
@@ -225,9 +225,16 @@ int __dm_udp_recv(DM_INTF_ST* intf, int32_t fd, int16_t events, DM_MSG_ST* msg) 
     return ret;
 }
 
+// Who has put a slot of his own in place is called only when there is something to read.
+bool __reads_on(DM_INTF_ST* intf) {
+    if (intf->recv_msg != __dm_udp_recv || !__read_on_of(intf).is_due())
+        return false;
+    trial = &__read_on_of(intf);
+    return true;
+}
+
 int __on_input(int fd, int events, void* user_data, uint32_t /*user_data_len*/) {
-    return __dm_recv_all(fd, events, user_data,
-                         [](DM_INTF_ST* intf) { return __read_on_of(intf).is_due(); });
+    return __dm_recv_all(fd, events, user_data, __reads_on);
 }
 
 // An interface under another name keeps its socket open.

@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstring>
 #include <mutex>
+#include <shared_mutex>
 #include <type_traits>
 #include <utility>
 
@@ -112,8 +113,8 @@ int64_t FramePipe::__write(const void* bytes, uint32_t size) {
     return written;
 }
 
-// Writers that share the lock come here only where a platform's call takes a part of what a pipe
-// takes whole. Then the first one has its rest kept.
+// Of writers that share the lock none comes here, unless the platform's call breaks its word. Then
+// the first one has its rest kept.
 void FramePipe::__keep(const void* frame, uint32_t begin, uint32_t end) {
     if (has_rest_.exchange(true))
         return;

@@ -5,12 +5,26 @@
 #include "base/log.h"
 #include "dm_msg_intf.h"
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cstdint>
 #include <optional>
-#include <shared_mutex>
 
 namespace dm {
+
+// A std::shared_mutex that lets who wants it alone have his turn: those that share it come after
+// him.
+class FairSharedMutex {
+public:
+    void lock() { pthread_rwlock_wrlock(&lock_); }
+    void unlock() { pthread_rwlock_unlock(&lock_); }
+    void lock_shared() { pthread_rwlock_rdlock(&lock_); }
+    void unlock_shared() { pthread_rwlock_unlock(&lock_); }
+
+private:
+    pthread_rwlock_t lock_ = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+};
 
 // The writing side. A frame above the pipe's atomic size may be taken in part: the rest is kept
 // here and goes out ahead of everything else. The lock keeps writers from interleaving; those of
@@ -61,7 +75,7 @@ private:
     void __keep(const void* frame, uint32_t begin, uint32_t end);
 
     const int32_t& wfd_;
-    std::shared_mutex lock_; // guards what follows
+    FairSharedMutex lock_; // guards what follows
     bool shut_ = false;
     uint32_t begin_ = 0; // the rest is rest_[begin_, end_)
     uint32_t end_ = 0;

@@ -282,7 +282,7 @@ int PendingRequests::arm_timer(PENDING_REQ_ST* req, uint32_t period_ms) {
 void PendingRequests::end(PENDING_REQ_ST* req) {
     if (std::exchange(req->ended, true))
         return;
-    memory_.count_end();
+    memory_.end(req->block);
     poller_timer_remove(dm_cb_->poller, &req->timer);
     store<POLLER_TIMER_ENTRY_ST*>(req->timer, nullptr);
     unlist(req);
@@ -382,7 +382,7 @@ void PendingRequests::answer(DM_INTF_ST* intf, DM_MSG_ST* msg) {
     if (msg->req_id == 0)
         return;
     const PendingRef req = find(msg->req_id);
-    if (__dm_has_name(intf, kSelfloopName))
+    if ((req == nullptr || req->reported) && __dm_has_name(intf, kSelfloopName))
         in_pipe_.take(msg->req_id, intf);
     if (req == nullptr)
         return;

@@ -4,11 +4,17 @@
 
 namespace dm {
 
+namespace {
+
+constexpr uint64_t kNever = UINT64_MAX;
+
+} // namespace
+
 // The room for the record follows.
 struct RequestMemory::Block {
     Block* older;
     Block* younger;
-    uint64_t back_at; // the count of ends when it came back
+    uint64_t ended_at; // the count of ends then, kNever before
     std::size_t place;
 };
 
@@ -30,13 +36,15 @@ void* RequestMemory::take(Block*& block) {
             return nullptr;
         block->place = 0;
     }
+    block->ended_at = kNever;
     return reinterpret_cast<unsigned char*>(block + 1) + block->place * kStep;
 }
 
 // The youngest one that has rested, or null.
 RequestMemory::Block* RequestMemory::take_rested() {
+    const uint64_t ends = ends_;
     Block* next = rested_ != nullptr ? rested_->younger : oldest_;
-    for (; next != nullptr && has_rested(next, kResting); next = next->younger)
+    for (; next != nullptr && ends - next->ended_at >= kResting; next = next->younger)
         rested_ = next;
     Block* block = rested_;
     if (block == nullptr)
@@ -46,22 +54,30 @@ RequestMemory::Block* RequestMemory::take_rested() {
     return block;
 }
 
-// After a crowd of requests most blocks are not needed any more.
+void RequestMemory::end(Block* block) {
+    block->ended_at = ends_.fetch_add(1) + 1;
+}
+
+// Of a crowd of requests whose records come back late, most have ended long ago: their blocks are
+// not needed any more. The ends go on meanwhile, so they are counted once.
 void RequestMemory::give_back(Block* block) {
+    if (block->ended_at == kNever)
+        end(block);
+    const uint64_t ends = ends_;
+    const auto is_old = [ends](const Block* idle) { return ends - idle->ended_at >= kKept; };
+    if (is_old(block)) {
+        std::free(block);
+        return;
+    }
     const std::lock_guard lock(lock_);
-    block->back_at = ends_;
+    while (oldest_ != nullptr && is_old(oldest_)) {
+        const Owned<Block> unused(oldest_);
+        take_out(oldest_);
+    }
     block->older = youngest_;
     block->younger = nullptr;
     (youngest_ != nullptr ? youngest_->younger : oldest_) = block;
     youngest_ = block;
-    while (has_rested(oldest_, kKept)) {
-        const Owned<Block> unused(oldest_);
-        take_out(oldest_);
-    }
-}
-
-bool RequestMemory::has_rested(const Block* block, uint64_t ends) const {
-    return ends_ - block->back_at >= ends;
 }
 
 void RequestMemory::take_out(Block* block) {

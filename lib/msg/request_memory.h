@@ -29,19 +29,18 @@ public:
     RequestMemory& operator=(const RequestMemory&) = delete;
     ~RequestMemory();
 
-    // Gives room for a record, and its block for give_back(). Null without memory.
+    // Gives room for a record, and its block for what follows. Null without memory.
     void* take(Block*& block);
+    // The request has ended.
+    void end(Block* block);
+    // Nobody uses the record any more. A request that has not ended does so here.
     void give_back(Block* block);
-
-    // A request has ended.
-    void count_end() { ends_.fetch_add(1, std::memory_order_relaxed); }
 
 private:
     static constexpr uint64_t kResting = 8;
     static constexpr std::size_t kStep = 8; // what a record is aligned to
     static constexpr std::size_t kPlaces = kKept / kResting;
 
-    bool has_rested(const Block* block, uint64_t ends) const;
     Block* take_rested();
     void take_out(Block* block);
 
@@ -50,8 +49,8 @@ private:
     std::atomic<uint64_t> ends_{0};
 
     std::mutex lock_; // guards what follows
-    // The blocks that are not in use, in the order in which they came back. Those up to `rested_`
-    // have rested; the youngest of these is the warmest.
+    // The blocks that are not in use, in the order in which they came back: some more than kKept of
+    // them. Those up to `rested_` have rested; the youngest of these is the warmest.
     Block* oldest_ = nullptr;
     Block* youngest_ = nullptr;
     Block* rested_ = nullptr;

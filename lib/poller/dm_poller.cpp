@@ -466,16 +466,18 @@ bool __poller_is_current(POLLER_ST* poller) {
     return pthread_equal(self->poll_thread, pthread_self()) != 0;
 }
 
+// Those that are marked meanwhile are left to the next pass: other threads must not hold this one.
 bool __poller_sweep_removed(LIST_ST* list, dm::MarkedEntries& marked) {
-    bool has_swept = false;
-    for (; !marked.is_empty(); has_swept = true) {
+    const uint32_t count = marked.count();
+    for (uint32_t i = 0; i < count; ++i) {
         const dm::ListLock lock(list);
-        if (dm::EntryTail* tail = marked.first(); tail != nullptr) {
-            marked.take_out(tail);
-            dm::remove_node(tail->node);
-        }
+        dm::EntryTail* tail = marked.oldest();
+        if (tail == nullptr)
+            break;
+        marked.take_out(tail);
+        dm::remove_node(tail->node);
     }
-    return has_swept;
+    return count > 0;
 }
 
 void poller_entry_free(void* entry) {

@@ -18,7 +18,7 @@ class Callback {
 public:
     Callback(Poller* poller, const LIST_NODE_ST* node, const POLLER_FD_ENTRY_ST* entry)
         : poller_(poller) {
-        poller_->running.store(entry, std::memory_order_relaxed); // the turn orders it
+        poller_->running.store(entry, std::memory_order_release);
         poller_->callback.begin();
         allowed_ = !dm::is_marked(entry) &&
                    std::atomic_ref(const_cast<LIST_NODE_ST*>(node)->removed).load() == 0;
@@ -26,7 +26,7 @@ public:
     Callback(const Callback&) = delete;
     Callback& operator=(const Callback&) = delete;
     ~Callback() {
-        poller_->running.store(nullptr, std::memory_order_relaxed);
+        poller_->running.store(nullptr, std::memory_order_release);
         poller_->callback.end();
     }
 
@@ -44,10 +44,11 @@ struct Removal {
 };
 
 // A callback begins before it looks at its entry and its node: from the mark on it either runs
-// already, and is seen here, or will not begin.
+// already, and is seen here, or will not begin. Who sees that it has left an entry also sees what
+// its callback did.
 uint64_t __callback_of(const Poller* poller, const POLLER_FD_ENTRY_ST* entry) {
     const uint64_t turn = poller->callback.current();
-    const bool is_its = poller->running.load(std::memory_order_relaxed) == entry;
+    const bool is_its = poller->running.load(std::memory_order_acquire) == entry;
     return is_its && poller->callback.current() == turn ? turn : 0;
 }
 

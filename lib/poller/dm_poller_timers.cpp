@@ -14,24 +14,34 @@ namespace {
 using dm::Poller;
 using dm::TimerEntry;
 
-// True while all timers of the list are in the index. Who puts an entry into the list by himself
-// has the list searched.
+// True while all timers of the list are in the index.
 bool __is_index_whole(const Poller* poller) {
     return poller->timer_index.size() == list_size(poller->timer_list);
 }
 
 // Puts a timer into the index. Gives the node behind which the list has it.
+//
+// Who puts an entry into the list by himself has the list searched, and until it is empty again
+// where that gave an order of its own.
 LIST_NODE_ST* __place(Poller* poller, TimerEntry* timer) {
-    const bool is_whole = __is_index_whole(poller);
+    LIST_ST* list = poller->timer_list;
+    if (list_is_empty(list) != 0)
+        poller->timers_astray = false;
+    const bool is_whole = __is_index_whole(poller) && !poller->timers_astray;
     LIST_NODE_ST* before = nullptr;
-    if (!poller->timer_index.insert(timer, before) || !is_whole)
-        return dm::ascending_place(poller->timer_list, timer, poller_timer_deadline_cmp);
-    return before != nullptr ? before : &poller->timer_list->sentinel;
+    const bool is_indexed = poller->timer_index.insert(timer, before);
+    if (before == nullptr)
+        before = &list->sentinel;
+    if (is_whole && is_indexed)
+        return before;
+    LIST_NODE_ST* place = dm::ascending_place(list, timer, poller_timer_deadline_cmp);
+    poller->timers_astray |= place != before;
+    return place;
 }
 
 LIST_NODE_ST* __find(const Poller* poller, const POLLER_TIMER_ENTRY_ST* handle) {
     if (const TimerEntry* timer = poller->timer_index.find(handle); timer != nullptr)
-        return timer->tail.node;
+        return dm::is_removed(timer->tail.node) ? nullptr : timer->tail.node;
     if (__is_index_whole(poller))
         return nullptr;
     return list_search(poller->timer_list, handle, poller_timer_entry_cmp);
@@ -42,21 +52,24 @@ POLLER_TIME_ST __now() {
     return {tick.tv_sec, tick.tv_nsec};
 }
 
-// Removes the marked timers at the head of the list. True when the first one behind them is due
-// `now`, which is set.
+// Removes marked timers at the head of the list. False when none behind them is due `now`, which is
+// set; true without a look when there are many.
 bool __clear_head(const Poller* poller, POLLER_TIME_ST& now) {
+    constexpr int most_at_once = 16; // with the list locked
     if (list_is_empty(poller->timer_list) != 0)
         return false;
+    now = __now();
     const dm::ListLock lock(poller->timer_list);
-    while (LIST_NODE_ST* node = dm::first_node(poller->timer_list)) {
+    for (int i = 0; i < most_at_once; ++i) {
+        LIST_NODE_ST* node = dm::first_node(poller->timer_list);
+        if (node == nullptr)
+            return false;
         const auto* first = dm::entry_of<POLLER_TIMER_ENTRY_ST>(node);
-        if (!dm::is_marked(first)) {
-            now = __now();
+        if (!dm::is_marked(first))
             return poller_time_diff_ms(nullptr, &first->deadline, &now) <= 0;
-        }
         dm::remove_node(node);
     }
-    return false;
+    return true;
 }
 
 // As poller_ms_until(). The clock is not asked again for what was over when it was asked last.
@@ -176,8 +189,10 @@ void __poller_run_timers(Poller* poller) {
     // A timer that is added from here on waits for the next pass, however short it is, so that
     // callbacks that add timers cannot hold the loop.
     const uint64_t added_before = poller->timers_added.load();
+    uint32_t left = list_size(poller->timer_list); // nor can other threads
     dm::ListWalk walk(poller->timer_list);
-    while (LIST_NODE_ST* node = walk.next()) {
+    for (LIST_NODE_ST* node = walk.next(); node != nullptr && left > 0;
+         node = walk.next(), --left) {
         const auto* entry = dm::entry_of<TimerEntry>(node);
         if (dm::is_marked(entry)) {
             list_remove(poller->timer_list, node);

@@ -22,8 +22,8 @@ struct EntryTail {
     LIST_NODE_ST* node; // that it is listed with
 
     MarkedEntries* marked; // that it is among, or null
-    EntryTail* previous_marked;
-    EntryTail* next_marked;
+    EntryTail* older_marked;
+    EntryTail* younger_marked;
 
     // Of a timer.
     TimerIndex* index; // that it is in, or null
@@ -67,36 +67,40 @@ public:
     MarkedEntries(const MarkedEntries&) = delete;
     MarkedEntries& operator=(const MarkedEntries&) = delete;
 
-    // Without the lock it may be late.
-    bool is_empty() const { return first_.load() == nullptr; }
-    EntryTail* first() const { return first_.load(); }
+    // Without the lock it may be out of date.
+    uint32_t count() const { return count_; }
+    EntryTail* oldest() const { return oldest_; }
 
     template<class Entry>
     void mark(Entry* entry, LIST_NODE_ST* node) {
         if (std::atomic_ref(entry->removed).exchange(1) != 0)
             return;
-        EntryTail& tail = entry->tail;
-        tail.node = node;
-        tail.marked = this;
-        tail.previous_marked = nullptr;
-        tail.next_marked = first_.load();
-        if (tail.next_marked != nullptr)
-            tail.next_marked->previous_marked = &tail;
-        first_ = &tail;
+        entry->tail.node = node;
+        put_in(&entry->tail);
     }
 
     void take_out(EntryTail* tail) {
         tail->marked = nullptr;
-        if (tail->next_marked != nullptr)
-            tail->next_marked->previous_marked = tail->previous_marked;
-        if (tail->previous_marked != nullptr)
-            tail->previous_marked->next_marked = tail->next_marked;
-        else
-            first_ = tail->next_marked;
+        (tail->older_marked != nullptr ? tail->older_marked->younger_marked : oldest_) =
+            tail->younger_marked;
+        (tail->younger_marked != nullptr ? tail->younger_marked->older_marked : youngest_) =
+            tail->older_marked;
+        --count_;
     }
 
 private:
-    std::atomic<EntryTail*> first_{nullptr};
+    void put_in(EntryTail* tail) {
+        tail->marked = this;
+        tail->older_marked = youngest_;
+        tail->younger_marked = nullptr;
+        (youngest_ != nullptr ? youngest_->younger_marked : oldest_) = tail;
+        youngest_ = tail;
+        ++count_;
+    }
+
+    EntryTail* oldest_ = nullptr;
+    EntryTail* youngest_ = nullptr;
+    std::atomic<uint32_t> count_{0};
 };
 
 } // namespace dm

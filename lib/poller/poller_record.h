@@ -83,7 +83,8 @@ struct Poller : POLLER_ST {
     MarkedEntries marked_fds;
     MarkedEntries marked_timers;
     TimerIndex timer_index;
-    std::atomic<uint64_t> timers_added{0};
+    bool timers_astray = false; // the list has them in another order than the index
+    std::atomic<uint64_t> timers_added{1};
 };
 
 inline Poller* private_of(POLLER_ST* poller) {

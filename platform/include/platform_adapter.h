@@ -129,7 +129,8 @@ DM_API void mmSleep(uint32_t milliseconds);
 DM_API int64_t mmReadFile(int fd, void* buffer, uint32_t size);
 
 /**
- * Writes at most @p size bytes to a descriptor (write(2)). A cancellation point.
+ * Writes at most @p size bytes to a descriptor (write(2)). A cancellation point. Of up to PIPE_BUF
+ * bytes a pipe takes all or none (pipe(7)).
  * @param fd the descriptor.
  * @param buffer the bytes.
  * @param size their number.
