@@ -9,8 +9,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <map>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -183,20 +185,52 @@ TEST_F(Loop, AnswersWhileTheRequestIsStillBeingWritten) {
     support::on_write_file = nullptr;
 }
 
-// Of messages that wait behind one another several are taken at once, but each interface has its
-// turn, and a removal does not wait for the rest.
+// Writers of frames that pass one another leave room for that of a frame that has to go alone.
+TEST_F(Loop, LargeFrameHasItsTurn) {
+    std::atomic<bool> ends = false;
+    const auto send = [&](uint16_t size) {
+        DM_DATA_ST data{size, buffer_};
+        DM_ADDR_ST addr{};
+        intf_->send_msg(intf_, DM_MSG_RSP, &addr, 40, &data, 1);
+    };
+    std::vector<std::jthread> writers;
+    for (int i = 0; i < 4; ++i)
+        writers.emplace_back([&] {
+            while (!ends)
+                send(8);
+        });
+    Event sent;
+    std::jthread large([&] {
+        for (int i = 0; i < 20; ++i, sent.set())
+            send(DM_MAX_DATA_LEN);
+    });
+    EXPECT_TRUE(sent.wait(20));
+    ends = true;
+}
+
+// Of messages that wait behind one another several are taken at once, unless they take long; each
+// interface has its turn.
 TEST_F(Loop, MessagesInARowAreFair) {
     support::Transport other;
     std::atomic<int> in_a_row = 0, most = 0;
+    std::atomic<bool> is_slow = false;
     Event turns, handled;
     other.recv = [&](DM_INTF_ST*, DM_MSG_ST*) {
         most = std::max(most.load(), in_a_row.exchange(0));
         turns.set();
         return -1;
     };
+    const auto tick = [] {
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+        return std::pair(now.tv_sec, now.tv_nsec);
+    };
     MsgFunction handler = [&](DM_INTF_ST* intf, DM_MSG_ST*) {
+        const auto begin = tick();
         ++in_a_row;
         support::send(intf, "another");
+        while (is_slow && tick() == begin) {
+        }
         handled.set();
     };
     intf_->set_retry(intf_, -1, 0);
@@ -208,6 +242,12 @@ TEST_F(Loop, MessagesInARowAreFair) {
     EXPECT_TRUE(handled.wait(1000) && turns.wait(turns.count() + 1));
     EXPECT_GT(most, 1);
     EXPECT_LE(most, 16);
+    is_slow = true;
+    EXPECT_TRUE(turns.wait(turns.count() + 2));
+    most = 0;
+    EXPECT_TRUE(handled.wait(handled.count() + 10) && turns.wait(turns.count() + 1));
+    EXPECT_EQ(most, 1);
+    is_slow = false;
     EXPECT_EQ(dm_intf_deregister(intf_), 0);
     const int count = handled.count();
     EXPECT_TRUE(turns.wait(turns.count() + 2));

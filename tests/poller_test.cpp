@@ -110,6 +110,8 @@ protected:
     POLLER_ST* poller_ = nullptr;
     std::array<int, 2> pipe_{};
     Event closed_;
+    Event fires_;
+    TimerFunction fired_ = [this](uint32_t, int32_t) { fires_.set(); };
     Event held_;
     Event go_;
     FdFunction hold_ = [this](int, int) {
@@ -210,6 +212,58 @@ TEST_F(PollerTest, KeepsTimersInOrder) {
         removes_one(random() % armed.size());
     EXPECT_EQ(poller_timer_remove(poller_, &stale), 0);
     EXPECT_EQ(list_size(poller_->timer_list), 0U);
+}
+
+// An entry that was put into the list by hand fires, and the list keeps the order that it gave.
+TEST_F(PollerTest, TimerPutInByHand) {
+    const auto by_hand = [&](uint32_t ms) {
+        POLLER_TIMER_ENTRY_ST* made = nullptr;
+        EXPECT_EQ(poller_timer_init_entry(&made, ms, call_timer), 0);
+        TimerFunction** copy = static_cast<TimerFunction**>(std::malloc(sizeof(copy)));
+        *copy = &fired_;
+        made->user_data = copy;
+        EXPECT_EQ(list_append(poller_->timer_list, made), 0);
+        return made;
+    };
+    by_hand(1);
+    run();
+    ASSERT_TRUE(fires_.wait());
+    EXPECT_EQ(poller_exit(poller_), 0);
+    ASSERT_TRUE(reaches(POLLER_IDLE));
+    std::vector<uint32_t> order;
+    ASSERT_EQ(add_timer(fired_, 100), 0);
+    POLLER_TIMER_ENTRY_ST* stranger = by_hand(50);
+    ASSERT_EQ(add_timer(fired_, 70), 0);
+    EXPECT_EQ(poller_timer_remove(poller_, &stranger), 0);
+    ASSERT_EQ(add_timer(fired_, 120), 0);
+    const auto note = [](void* item, void* to, uint32_t) {
+        static_cast<std::vector<uint32_t>*>(to)->push_back(
+            static_cast<POLLER_TIMER_ENTRY_ST*>(item)->interval_ms);
+    };
+    list_iterate(poller_->timer_list, note, &order, 0);
+    EXPECT_EQ(order, (std::vector<uint32_t>{100, 70, 120}));
+}
+
+// Threads that arm and cancel timers without an end do not keep the loop from its descriptors.
+TEST_F(PollerTest, TimersOfOthersDoNotHoldTheLoop) {
+    Event served;
+    FdFunction serve = [&](int, int) { served.set(); };
+    ASSERT_EQ(add_fd(serve, poller_->notify_fd[1], POLLOUT), 0); // writable at any time
+    run();
+    std::atomic<bool> ends = false;
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([&] {
+            std::array<POLLER_TIMER_ENTRY_ST*, 256> timers{};
+            while (!ends) {
+                for (auto& timer : timers)
+                    add_timer(fired_, 100000, &timer);
+                for (auto& timer : timers)
+                    poller_timer_remove(poller_, &timer);
+            }
+        });
+    EXPECT_TRUE(served.wait(served.count() + 50));
+    ends = true;
 }
 
 TEST_F(PollerTest, TimerThatReArmsItselfDoesNotHoldTheLoop) {

@@ -292,6 +292,7 @@ TEST_F(Request, AnswersFindTheirRequestsInAnyOrder) {
     std::vector<size_t> order(kRequests);
     std::iota(order.begin(), order.end(), 0);
     std::ranges::shuffle(order, std::mt19937(3));
+    const size_t memory_before = mallinfo2().uordblks;
     Event sent, all;
     transport_.recv = [&, next = 0U](DM_INTF_ST*, DM_MSG_ST* msg) mutable {
         EXPECT_TRUE(sent.wait());
@@ -316,6 +317,9 @@ TEST_F(Request, AnswersFindTheirRequestsInAnyOrder) {
     EXPECT_EQ(list_size(context_.get()->pending_list), kRequests - kAnswered);
     EXPECT_EQ(dm_intf_deregister(intf), 0);
     EXPECT_EQ(list_size(context_.get()->pending_list), 0U);
+    EXPECT_TRUE(support::eventually([&] { // with the timers of the last ones
+        return mallinfo2().uordblks < memory_before + size_t{600} * sizeof(SELF_MSG_ST);
+    }));
     for (size_t i = 0; i < kRequests; ++i)
         EXPECT_EQ(times[order[i]], i < kAnswered ? 1 : 0);
 }

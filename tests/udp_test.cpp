@@ -7,9 +7,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -139,6 +142,40 @@ TEST_F(Udp, ReadsOnWhileThereAreMore) {
         EXPECT_TRUE(answered.wait(before + window));
     }
     EXPECT_EQ(support::lines_of('E'), std::vector<std::string>{});
+}
+
+// The slots may stand in a record of somebody's own, and be called by one of his. That is called
+// only when there is something to read.
+TEST_F(Udp, SlotsInAnotherRecord) {
+    static DM_RECV_MSG original;
+    static std::atomic<int> in_vain;
+    original = intf_->recv_msg;
+    in_vain = 0;
+    const DM_RECV_MSG wrapper = [](DM_INTF_ST* intf, int32_t fd, int16_t events, DM_MSG_ST* msg) {
+        pollfd ready{fd, POLLIN, 0};
+        in_vain += poll(&ready, 1, 0) == 1 ? 0 : 1;
+        return original(intf, fd, events, msg);
+    };
+    Event handled;
+    MsgFunction handler = [&](DM_INTF_ST*, DM_MSG_ST*) { handled.set(); };
+    context_.on_request(handler);
+    auto* own = static_cast<DM_INTF_ST*>(std::malloc(sizeof(DM_INTF_ST)));
+    *own = *intf_;
+    std::strcpy(own->name, "own");
+    own->close = nullptr;
+    own->fd = own->wfd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+    ASSERT_EQ(bind(own->fd, reinterpret_cast<sockaddr*>(addr_.sa), sizeof(sockaddr_in)), 0);
+    ASSERT_EQ(dm_intf_register(context_.get(), own), 0);
+    intf_->recv_msg = wrapper;
+    for (int round = 1; round <= 20; ++round) {
+        EXPECT_EQ(support::send(intf_, "x", nullptr, udp_addr(port_of(own->fd))), 0);
+        EXPECT_EQ(support::send(own, "x", nullptr, udp_addr(port_)), 0);
+        ASSERT_TRUE(handled.wait(2 * round));
+    }
+    EXPECT_EQ(in_vain, 0);
+    const int fd = own->fd;
+    EXPECT_EQ(dm_intf_deregister(own), 0);
+    close(fd);
 }
 
 TEST_F(Udp, ChecksItsArguments) {
