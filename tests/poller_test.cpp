@@ -264,6 +264,8 @@ TEST_F(PollerTest, TimersOfOthersDoNotHoldTheLoop) {
         });
     EXPECT_TRUE(served.wait(served.count() + 50));
     ends = true;
+    threads.clear();
+    destroy();
 }
 
 TEST_F(PollerTest, TimerThatReArmsItselfDoesNotHoldTheLoop) {
