@@ -42,6 +42,7 @@ private:
     static constexpr std::size_t kPlaces = kKept / kResting;
 
     Block* take_rested();
+    void free_oldest();
     void take_out(Block* block);
 
     const std::size_t record_size_;
