@@ -77,8 +77,6 @@ void RequestMemory::give_back(Block* block) {
     youngest_ = block;
 }
 
-// NOLINTEND(clang-analyzer-unix.Malloc)
-
 void RequestMemory::free_oldest() {
     const Owned<Block> unused(oldest_);
     take_out(oldest_);
@@ -90,5 +88,6 @@ void RequestMemory::take_out(Block* block) {
     (block->older != nullptr ? block->older->younger : oldest_) = block->younger;
     (block->younger != nullptr ? block->younger->older : youngest_) = block->older;
 }
+// NOLINTEND(clang-analyzer-unix.Malloc)
 
 } // namespace dm
