@@ -233,7 +233,8 @@ private:
         __poller_dispatch_fds(poller_, ready);
         __poller_run_timers(poller_);
         sweep_fds();
-        __poller_sweep_removed(poller_->timer_list, poller_->marked_timers);
+        const uint32_t swept = __poller_sweep_removed(poller_->timer_list, poller_->marked_timers);
+        is_behind_ = swept == kMostSwept;
         if (poller_->owner.on_pass != nullptr)
             looks_again_ = poller_->owner.on_pass(poller_->owner.arg);
     }
@@ -266,6 +267,8 @@ private:
             int wait_ms = __wait_ms(poller_, array.count());
             if (looks_again_)
                 wait_ms = std::min(wait_ms, kIdleWaitMs);
+            if (is_behind_)
+                wait_ms = 1;
             const dm::TurnScope turn(poller_->wait);
             if (fds != nullptr && !array.is_fresh())
                 continue;
@@ -275,7 +278,7 @@ private:
     }
 
     void sweep_fds() {
-        if (__poller_sweep_removed(poller_->fd_list, poller_->marked_fds))
+        if (__poller_sweep_removed(poller_->fd_list, poller_->marked_fds) != 0)
             ++poller_->fd_changes;
     }
 
@@ -294,6 +297,7 @@ private:
     const HandleShare share_;
     uint32_t failures_ = 0;   // of poll(), one after another
     bool looks_again_ = true; // the owner wants the next pass soon, as far as is known
+    bool is_behind_ = false;  // there were more marked timers than a pass sweeps
 };
 
 void* __do_poll(void* arg) {
@@ -466,9 +470,8 @@ bool __poller_is_current(POLLER_ST* poller) {
     return pthread_equal(self->poll_thread, pthread_self()) != 0;
 }
 
-// Those that are marked meanwhile are left to the next pass: other threads must not hold this one.
-bool __poller_sweep_removed(LIST_ST* list, dm::MarkedEntries& marked) {
-    const uint32_t count = marked.count();
+uint32_t __poller_sweep_removed(LIST_ST* list, dm::MarkedEntries& marked) {
+    const uint32_t count = std::min(marked.count(), kMostSwept);
     for (uint32_t i = 0; i < count; ++i) {
         const dm::ListLock lock(list);
         dm::EntryTail* tail = marked.oldest();
@@ -477,7 +480,7 @@ bool __poller_sweep_removed(LIST_ST* list, dm::MarkedEntries& marked) {
         marked.take_out(tail);
         dm::remove_node(tail->node);
     }
-    return count > 0;
+    return count;
 }
 
 void poller_entry_free(void* entry) {

@@ -187,22 +187,25 @@ void __poller_run_timers(Poller* poller) {
     if (!__clear_head(poller, now))
         return;
     // A timer that is added from here on waits for the next pass, however short it is, so that
-    // callbacks that add timers cannot hold the loop.
+    // callbacks that add timers cannot hold the loop. Nor can other threads, which make more to
+    // pass by as long as this goes on.
     const uint64_t added_before = poller->timers_added.load();
-    uint32_t left = list_size(poller->timer_list); // nor can other threads
+    uint32_t passed_by = 0;
     dm::ListWalk walk(poller->timer_list);
-    for (LIST_NODE_ST* node = walk.next(); node != nullptr && left > 0;
-         node = walk.next(), --left) {
+    while (LIST_NODE_ST* node = passed_by < kMostSwept ? walk.next() : nullptr) {
         const auto* entry = dm::entry_of<TimerEntry>(node);
         if (dm::is_marked(entry)) {
             list_remove(poller->timer_list, node);
+            ++passed_by;
             continue;
         }
         const int32_t left_ms = __ms_until(entry, now);
         if (left_ms > 0)
             break;
-        if (entry->tail.number >= added_before)
+        if (entry->tail.number >= added_before) {
+            ++passed_by;
             continue;
+        }
         const TakenOut fired(poller->timer_list, node);
         __fire(entry, left_ms);
     }
