@@ -8,7 +8,7 @@ using udp::work;
 
 constexpr const char* kFloor = "bare sockets, frames of 4138 bytes";
 constexpr const char* kDrained = "bare sockets, read until there is none";
-constexpr const char* kDutiful = "bare sockets, with a message's buffers and descriptors";
+constexpr const char* kDutiful = "bare sockets, with the buffers of a message";
 constexpr const char* kLibrary = "library";
 constexpr const char* kLibuv = "libuv, map and timer, frames of 4138 bytes";
 
