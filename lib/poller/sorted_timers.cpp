@@ -10,10 +10,13 @@ namespace dm {
 
 namespace {
 
-// In nanoseconds, so that a comparison is one of numbers. False when they do not fit.
+// In nanoseconds, so that a comparison is one of numbers. False when they do not fit, and for a
+// deadline that was past from the start and has negative nanoseconds: poller_time_cmp() compares
+// the seconds first, and another order would come of the sum.
 bool due_of(const TimerEntry* timer, int64_t& due) {
     int64_t ns = 0;
-    return !__builtin_mul_overflow(timer->deadline.tv_sec, int64_t{1000000000}, &ns) &&
+    return timer->deadline.tv_nsec >= 0 &&
+           !__builtin_mul_overflow(timer->deadline.tv_sec, int64_t{1000000000}, &ns) &&
            !__builtin_add_overflow(ns, timer->deadline.tv_nsec, &due);
 }
 
