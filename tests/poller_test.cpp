@@ -183,7 +183,9 @@ TEST_F(PollerTest, KeepsTimersInOrder) {
     stopped_clock = MM_TIMESPEC_ST{1000, 0};
     for (int i = 0; i < 3000; ++i) {
         POLLER_TIMER_ENTRY_ST* made = nullptr;
-        const auto interval_ms = static_cast<uint32_t>(random() % 40 * 100);
+        // From 2^31 on it is one that is over, and may have a deadline of negative nanoseconds.
+        const uint32_t base_ms = i % 10 == 0 ? 0xFFFF0000U : 0;
+        const auto interval_ms = static_cast<uint32_t>(base_ms + random() % 40 * 100);
         if (i % 1000 == 500) {
             ASSERT_EQ(poller_timer_init_entry(&made, interval_ms, nullptr), 0);
             list_insert_ascend(poller_->timer_list, made, poller_timer_deadline_cmp);
