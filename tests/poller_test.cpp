@@ -180,11 +180,11 @@ TEST_F(PollerTest, KeepsTimersInOrder) {
         EXPECT_EQ(poller_timer_remove(poller_, &armed.back()), 0);
         armed.pop_back();
     };
-    stopped_clock = MM_TIMESPEC_ST{1000, 0};
     for (int i = 0; i < 3000; ++i) {
+        stopped_clock = MM_TIMESPEC_ST{1000, i % 10 * 100000000};
         POLLER_TIMER_ENTRY_ST* made = nullptr;
         // From 2^31 on it is one that is over, and may have a deadline of negative nanoseconds.
-        const uint32_t base_ms = i % 10 == 0 ? 0xFFFF0000U : 0;
+        const uint32_t base_ms = i % 7 == 0 ? 0xFFFF0000U : 0;
         const auto interval_ms = static_cast<uint32_t>(base_ms + random() % 40 * 100);
         if (i % 1000 == 500) {
             ASSERT_EQ(poller_timer_init_entry(&made, interval_ms, nullptr), 0);
