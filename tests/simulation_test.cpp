@@ -91,7 +91,7 @@ struct Requests {
 };
 
 TEST(Simulation, AYearOfTimersAndRequests) {
-    std::array<Timer, 500> timers;
+    std::array<Timer, 200> timers;
     Requests usual(3, 600000, 4), patient(0, INT32_MAX, 1), stubborn(INT32_MAX, kHourMs, 1);
     support::Context context;
     for (Requests* requests : {&usual, &patient, &stubborn})
@@ -115,18 +115,18 @@ TEST(Simulation, AYearOfTimersAndRequests) {
 
 TEST(Simulation, TheNumbersOfTasksWrap) {
     ASSERT_EQ(task_task_info_init(), 0U);
-    std::atomic_ref(g_n_thread_count).store(UINT32_MAX - 99);
+    std::atomic_ref(g_n_thread_count).store(UINT32_MAX - 9);
     std::atomic<uint32_t> ran = 0;
     const std::array<uint64_t, 4> args{std::bit_cast<uint64_t>(&ran)};
     const auto run = [](uint64_t counter, uint64_t, uint64_t, uint64_t) {
         ++*std::bit_cast<std::atomic<uint32_t>*>(counter);
     };
-    for (uint32_t made = 1; made <= 200; ++made) {
+    for (uint32_t made = 1; made <= 20; ++made) {
         uint32_t task_no = 0;
         ASSERT_EQ(vos_create_task("wrap", &task_no, run, 100, 65536, args.data()), 0U);
         ASSERT_TRUE(support::eventually([&] { return ran == made; }));
     }
-    EXPECT_EQ(vos_gen_pid_for_task(), osal_get_process_id() + 100);
+    EXPECT_EQ(vos_gen_pid_for_task(), osal_get_process_id() + 10);
 }
 
 } // namespace
