@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs daemons, clients and a load program against each other
-# while they are harmed: requests are lost, late and doubled, peers lie and go, the daemon is killed,
-# the clock stepped, descriptors and threads run out. A table tells what became of every request, and
-# what is held at the end. It ends with 1 when something does not add up.
+# while they are harmed: requests are lost, late and doubled, peers lie and go, a daemon is killed,
+# the clock stepped, descriptors and threads run out. A table tells what became of every request,
+# and what is held at the end. It ends with 1 when something does not add up.
 # Usage: scripts/soak.sh [MINUTES [SEED]]   (2 minutes, and any seed, which it prints)
 set -euo pipefail
 cd "$(dirname "$0")/.."

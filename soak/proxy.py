@@ -124,11 +124,10 @@ def lie(data, rng):
         struct.pack_into("=H", lying, 8, rng.randrange(4097, 65536))
     elif kind == 1:  # neither a request nor an answer
         struct.pack_into("=I", lying, 10, rng.randrange(2, 2**32))
-    elif kind == 2:  # cut anywhere
-        del lying[rng.randrange(len(lying)) :]
-        del lying[18:]
+    elif kind == 2:  # cut before the identity
+        del lying[rng.randrange(IDENTITY.start) :]
     elif kind == 3:  # other markers
         struct.pack_into("=HH", lying, 4, rng.randrange(65536), rng.randrange(2, 65536))
     else:  # noise
-        lying[:18] = rng.randbytes(18)
+        lying[: IDENTITY.start] = rng.randbytes(IDENTITY.start)
     return bytes(lying)

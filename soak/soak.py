@@ -11,6 +11,7 @@ import re
 import resource
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -158,7 +159,8 @@ class Soak:
         found = list(pathlib.Path("/usr/lib").glob(f"*/{FAKETIME}"))
         if found:
             self.environment |= {
-                "LD_PRELOAD": str(found[0]), "FAKETIME_TIMESTAMP_FILE": str(self.directory / "clock"),
+                "LD_PRELOAD": str(found[0]),
+                "FAKETIME_TIMESTAMP_FILE": str(self.directory / "clock"),
                 "FAKETIME_DONT_FAKE_MONOTONIC": "1", "FAKETIME_CACHE_DURATION": "1"}
         else:
             HARMS.remove("clock")
@@ -235,7 +237,7 @@ class Soak:
 
     def run(self):
         self.steady = Daemon(self, "steady daemon", 0)
-        self.mortal = Daemon(self, "mortal daemon", 1)
+        self.mortal = Daemon(self, "mortal daemon", 1, self._lasting_port())
         self.proxies = [Proxy(daemon.port, self.random.random())
                         for daemon in (self.steady, self.mortal)]
         urls = [f"udp://127.0.0.1:{proxy.port}" for proxy in self.proxies]
@@ -258,15 +260,27 @@ class Soak:
         self._end_all()
         return self._judge(first, last, number, time.monotonic() - began)
 
+    def _lasting_port(self):
+        """One that the system gives nobody while the daemon is away (ip_local_port_range)."""
+        while True:
+            port = self.random.randrange(20000, 32000)
+            with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
+                try:
+                    sock.bind(("127.0.0.1", port))
+                    return port
+                except OSError:
+                    continue
+
     def _look_after(self):
         for process in (self.steady, self.mortal, self.load):
             if process.popen.poll() is not None:
-                raise RuntimeError(f"the {process.name} ended by itself: {process.popen.returncode}")
+                raise RuntimeError(f"the {process.name} ended: {process.popen.returncode}")
 
     def _round(self, number, urls):
         seed = self.random.getrandbits(31)
         self.load.begin(ROUND_SECONDS, seed)
-        series = {name: Series(self, url, self.random.getrandbits(31)) for name, url in urls.items()}
+        series = {name: Series(self, url, self.random.getrandbits(31))
+                  for name, url in urls.items()}
         harms = []
         for _ in range(HARMS_A_ROUND):
             time.sleep(self.random.uniform(0.2, 0.8))
