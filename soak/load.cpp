@@ -1,8 +1,8 @@
 // The load of the soak: uses the library in every way at once, in rounds, and keeps the books.
 //
-// It reads commands from its standard input: "run MS SEED" is a round of that many milliseconds. At
-// its end all is quiet, and the books of all rounds so far go out as one line of JSON. The end of
-// the input ends it.
+// It reads commands from its standard input: "run MS SEED" is a round of that many milliseconds. It
+// says "begun" once it has all its threads. At the end all is quiet, and the books of all rounds so
+// far go out as one line of JSON. The end of the input ends it.
 
 #include "labour.h"
 #include "traffic.h"
@@ -48,6 +48,7 @@ public:
         {
             soak::Round round(seed);
             begin(round);
+            std::cout << "begun" << std::endl;
             soak::pause_for(time);
         }
         const bool is_quiet = wait([this] { return has_ended(); });

@@ -86,6 +86,8 @@ class Load(Process):
     def begin(self, seconds, seed):
         self.popen.stdin.write(f"run {int(seconds * 1000)} {seed}\n")
         self.popen.stdin.flush()
+        if self.popen.stdout.readline() != "begun\n":
+            raise RuntimeError("the load cannot begin a round")
 
     def books(self):
         return json.loads(self.popen.stdout.readline())
