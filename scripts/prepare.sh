@@ -4,6 +4,7 @@
 packages_build=(g++ cmake ninja-build pkg-config libgtest-dev libbenchmark-dev libglib2.0-dev
     nlohmann-json3-dev libcli11-dev python3 tshark)
 packages_bench=(libuv1-dev libevent-dev libsystemd-dev libnng-dev libzmq3-dev)
+packages_soak=(faketime)
 packages_lint=(clang clang-format clang-tidy)
 packages_package=(dpkg-dev file lintian)
 packages_package_test=(bash-completion systemd)
