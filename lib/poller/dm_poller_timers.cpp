@@ -21,8 +21,8 @@ bool __is_index_whole(const Poller* poller) {
 
 // Puts a timer into the index. Gives the node behind which the list has it.
 //
-// Who puts an entry into the list by himself has the list searched, and until it is empty again
-// where that gave an order of its own.
+// While the list has an entry that is not in the index, it is searched. Where that entry stood out
+// of order, the two orders differ from then on, and it is searched until it is empty again.
 LIST_NODE_ST* __place(Poller* poller, TimerEntry* timer) {
     LIST_ST* list = poller->timer_list;
     if (list_is_empty(list) != 0)
